@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test suite (the command .ci/run calls).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${ORVO_BUILD_DIR:-$root/build}
+"$root/scripts/bootstrap.sh" "$build"
+cd "$build"
+ctest --output-on-failure -j"$(nproc)" --timeout 900

@@ -73,14 +73,18 @@ std::vector<std::string> mapsLines() {
     return lines;
 }
 
-bool isMapped(const void* p) {
+// Permissions of the mapping holding p ("r--s" for a read-only shared mapping), or "" if unmapped.
+std::string mappingPerms(const void* p) {
     auto a = reinterpret_cast<uintptr_t>(p);
     for (const std::string& l : mapsLines()) {
         unsigned long lo = 0, hi = 0;
-        if (std::sscanf(l.c_str(), "%lx-%lx", &lo, &hi) == 2 && a >= lo && a < hi) return true;
+        char perms[5] = {};
+        if (std::sscanf(l.c_str(), "%lx-%lx %4s", &lo, &hi, perms) == 3 && a >= lo && a < hi) return perms;
     }
-    return false;
+    return "";
 }
+
+bool isMapped(const void* p) { return !mappingPerms(p).empty(); }
 
 // A child run whose facts come back through a pipe, so that its standard output stays exactly the
 // library's.
@@ -122,26 +126,26 @@ long reported(const std::string& report, const std::string& key) {
     return std::stol(m[2]);
 }
 
-// Constructs the device in a child under `faults`; reports the descriptor the node will get.
+// Constructs the device in a child under `faults`.
 ChildRun constructInChild(const std::string& faults, const std::string& path = kNode) {
     return inChild([&](Report& r) {
         useVcam(faults);
-        r("fd", nextFreeFd());
         video_device dev(path, orvo::frame::kWidth, orvo::frame::kHeight);
         r("constructed", 1);
     });
 }
 
-// `expected` may hold {FD} (the node's descriptor) and {E} (an errno value and its text, left to
-// whatever the last system call set; every {E} in one text must be the same value).
+// `expected` may hold {FD} (a descriptor number: the virtual camera may hold descriptors of its own,
+// so the node's number is checked exactly where the test knows it) and {E} (an errno value and its
+// text, left to whatever the last system call set; every {E} in one text must be the same value).
 void expectOutput(const std::string& expected, const ChildRun& run) {
-    std::string want = std::regex_replace(expected, std::regex("\\{FD\\}"), std::to_string(reported(run.report, "fd")));
-    if (want.find("{E}") == std::string::npos) {
-        EXPECT_EQ(run.io.out, want);
+    if (expected.find("{E}") == std::string::npos && expected.find("{FD}") == std::string::npos) {
+        EXPECT_EQ(run.io.out, expected);
         return;
     }
     std::string pattern;
-    for (char c : want) pattern += std::strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
+    for (char c : expected) pattern += std::strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
+    pattern = std::regex_replace(pattern, std::regex("\\\\\\{FD\\\\\\}"), "(?:[3-9]|[1-9][0-9]+)");
     pattern = std::regex_replace(pattern, std::regex("\\\\\\{E\\\\\\}"), "(-?[0-9]+), ([^\\n]*)");
     std::smatch m;
     ASSERT_TRUE(std::regex_match(run.io.out, m, std::regex(pattern))) << "stdout was:\n" << run.io.out;
@@ -167,6 +171,9 @@ TEST(CaptureConstruction, EveryRefusalEndsTheProcessWithItsMessages) {
         {"caps=no-streaming",
          n + " does not support streaming i/o\nCannot identify '" + n + "': {E}\nCannot open '" + n + "': {E}\n"},
         {"open=EBUSY", cannotOpen(n, EBUSY) + cannotIdentify(n, EBUSY) + cannotOpen(n, EBUSY)},
+        // Cropping is optional: a refused capability query skips the crop request, so the third
+        // request is the format.
+        {"CROPCAP=ENOTTY,ioctl@3=EIO:1", kOpened + "VIDIOC_S_FMT error 5, Input/output error\n" + cannotOpen(n, EIO)},
         {"S_FMT=EINVAL", kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
         {"S_PARM=EINVAL", kOpened + "VIDIOC_S_PARM error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
         {"G_PARM=EIO", kOpened + "VIDIOC_G_PARM error 5, Input/output error\n" + cannotOpen(n, EIO)},
@@ -209,8 +216,10 @@ TEST(CaptureConstruction, NodesThatAreNotCameras) {
     EXPECT_EQ(run.io.err, "");
 }
 
-TEST(CaptureConstruction, InterruptedRequestsAreReissued) {
-    for (const char* faults : {"ioctl=EINTR:3", "S_PARM=EINTR:2,REQBUFS=EINTR:1,STREAMON=EINTR:4", "QBUF@2=EINTR:3"}) {
+TEST(CaptureConstruction, InterruptedOrOptionalRequests) {
+    // Refused crop requests are not failures either.
+    for (const char* faults : {"ioctl=EINTR:3", "S_PARM=EINTR:2,REQBUFS=EINTR:1,STREAMON=EINTR:4", "QBUF@2=EINTR:3",
+                               "DQBUF=EINTR:2", "CROPCAP=ENOTTY", "S_CROP=EINVAL"}) {
         SCOPED_TRACE(faults);
         ChildRun run = inChild([&](Report& r) {
             useVcam(faults);
@@ -244,7 +253,8 @@ TEST(CaptureConstruction, DescriptorsLeftOpenOrClosedOnRefusal) {
         {"S_FMT@2=EINVAL", yuyv, true, kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n", "", 0},
         {"S_FMT@2=EINVAL", h264, true, kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n",
          " === Set Format Failed : skip for H264 ===  \n", 1},
-        {"S_PARM@2=EINVAL", h264, true, kOpened + "VIDIOC_S_PARM error 22, Invalid argument\n", "", 0},
+        // Without a fault the driver refuses a format change while buffers are allocated.
+        {"", yuyv, true, kOpened + "VIDIOC_S_FMT error 16, Device or resource busy\n", "", 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.faults) + (c.fourcc == h264 ? " H264" : ""));
@@ -280,6 +290,23 @@ TEST(CaptureConstruction, DescriptorsLeftOpenOrClosedOnRefusal) {
             EXPECT_EQ(reported(run.report, "member_fd_is_second"), 1);
         }
     }
+}
+
+// The buffer-request message names the descriptor, not the path: driven here on the streaming
+// device's own descriptor, whose number the test knows. (A grant refused on a streaming queue would
+// meet the driver's EBUSY first, so the grant message is judged by the construction cases above.)
+TEST(CaptureConstruction, BufferRequestMessageNamesTheDescriptor) {
+    ChildRun run = inChild([&](Report& r) {
+        useVcam("REQBUFS@2=EINVAL");
+        video_device dev(kNode, orvo::frame::kWidth, orvo::frame::kHeight);
+        std::fflush(stdout);
+        if (ftruncate(1, 0) != 0 || lseek(1, 0, SEEK_SET) != 0) std::abort();
+        r("fd", dev.fd);
+        r("rc", dev.video_reqbufs(dev.fd, 6));
+        std::fflush(stdout);
+    });
+    EXPECT_EQ(run.io.out, std::to_string(reported(run.report, "fd")) + " does not support memory mapping\n");
+    EXPECT_EQ(reported(run.report, "rc"), -1);
 }
 
 // ---- frames and the dead state ----------------------------------------------------------------------
@@ -432,6 +459,7 @@ TEST(CaptureStream, HandsOutTheMappedBuffersInOrder) {
     EXPECT_TRUE(frameIs(held, 0));
     const int heldIndex = dev->current_index;
     EXPECT_EQ(dev->buffers[heldIndex], held);
+    for (int i = 0; i < dev->buffer_count; ++i) EXPECT_EQ(mappingPerms(dev->buffers[i]), "r--s") << i;
     std::vector<const unsigned char*> seen;
     for (int k = 1; k <= 20; ++k) {
         unsigned char* data = nullptr;
@@ -456,7 +484,8 @@ TEST(CaptureStream, ThousandFramesLeakNothingButTheKeptMappings) {
     const size_t mapsBefore = mapsLines().size();
     auto dev = openCamera("0");
     ASSERT_TRUE(dev);
-    EXPECT_EQ(countOpenFds(), fdsBefore + 1);
+    const int fdsStreaming = countOpenFds();
+    EXPECT_GE(fdsStreaming, fdsBefore + 1);  // the node, and whatever the virtual camera keeps
     EXPECT_EQ(dev->buffer_length, 0u);  // bytesused of a buffer never filled
     const size_t mapsStreaming = mapsLines().size();
     const auto start = std::chrono::steady_clock::now();
@@ -470,7 +499,7 @@ TEST(CaptureStream, ThousandFramesLeakNothingButTheKeptMappings) {
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("1000 free-running frames: %.1f frames/s\n", 1000 / s);
     EXPECT_EQ(mapsLines().size(), mapsStreaming);
-    EXPECT_EQ(countOpenFds(), fdsBefore + 1);
+    EXPECT_EQ(countOpenFds(), fdsStreaming);
 
     std::vector<void*> kept(dev->buffers, dev->buffers + dev->buffer_count);
     Captured c = orvo_test::captureOutput([&] { dev.reset(); });

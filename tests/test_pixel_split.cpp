@@ -191,8 +191,10 @@ int clampByte(long v) { return v < 0 ? 0 : v > 255 ? 255 : int(v); }
 // Truncation toward zero of (scaled / divisor), computed in integers.
 long truncDiv(long scaled, long divisor) { return scaled / divisor; }
 
-// B, G, R of one pixel in exact rational arithmetic. Away from the one (u, v) pair whose green
-// value lands exactly on an integer (see below), double precision truncates to the same integers.
+// B, G, R of one pixel in exact rational arithmetic. Blue and red never land on an integer unless
+// the chroma term is 0, so double precision truncates them the same way. Green lands exactly on an
+// integer for (u, v) = (-100, 100) and (100, -100) only; the converter's u-then-v order matches the
+// exact value for the second pair but falls just below it for the first (see ChosenPixels).
 void exactBgr(int y, int u, int v, uint8_t* out) {
     out[0] = uint8_t(clampByte(truncDiv(1000L * y + 1772L * u, 1000)));
     out[1] = uint8_t(clampByte(truncDiv(100000L * y - 34414L * u - 71414L * v, 100000)));
@@ -218,6 +220,7 @@ TEST(Rgb888, ChosenPixels) {
     put(0, 1, 100, 128, 100, 228);  // red factor 1.042
     put(0, 2, 0, 0, 255, 0);        // u = v = -128
     put(1, 0, 100, 28, 40, 228);    // green lands on an integer: the order of the two terms shows
+    put(2, 0, 60, 228, 61, 28);     // the mirrored chroma pair
     put(479, 319, 7, 128, 8, 128);  // last group of the last source row
     const Bytes out = convert(src);
 
@@ -234,6 +237,9 @@ TEST(Rgb888, ChosenPixels) {
     // gives 62, Y = 40 gives 3 (the other order would give 63 and 2).
     // B = 100 - 177.2 -> 0, R = 100 + 104.2 -> 204; B = 40 - 177.2 -> 0, R = 144.2 -> 144.
     EXPECT_EQ(pixelsAt(out, 478 * 1920), (Bytes{0, 62, 204, 0, 3, 144}));
+    // u = 100, v = -100: G is exactly Y + 37, and here the u-then-v order reaches it (the other
+    // order gives 96 and 97). B = Y + 177.2, R = Y - 104.2 -> 0.
+    EXPECT_EQ(pixelsAt(out, 477 * 1920), (Bytes{237, 97, 0, 238, 98, 0}));
     // The last source group lands at the end of the first output row.
     EXPECT_EQ(pixelsAt(out, 1920 - 6), (Bytes{7, 7, 7, 8, 8, 8}));
     // Neutral chroma elsewhere leaves grey 128.
@@ -242,7 +248,7 @@ TEST(Rgb888, ChosenPixels) {
 
 TEST(Rgb888, WholeImageAgainstExactArithmetic) {
     Bytes src = randomBytes(kRgbSrc, 21);
-    // Keep out the single chroma pair whose green value is an exact integer; ChosenPixels covers it.
+    // Keep out the chroma pair whose green value the double arithmetic puts just below an integer.
     for (size_t k = 0; k < kRgbSrc; k += 4)
         if (src[k + 1] == 28 && src[k + 3] == 228) src[k + 3] = 227;
     const Bytes out = convert(src);

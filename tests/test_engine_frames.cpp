@@ -152,12 +152,18 @@ TEST(EngineConstruction, BuilderChoiceAndConstants) {
         auto e = makeEngine("", "", fish);
         expectMaps(*e, fe, "fisheye only");
     }
-    {  // Maps from the pair, but no right projection to take the baseline from.
-        editMatrices(extr, [](std::map<std::string, cv::Mat>& m) { m.erase("P2"); });
+    // A right projection that is not 3x4, then none at all: no baseline, so no calibration.
+    for (bool erase : {false, true}) {
+        editMatrices(extr, [&](std::map<std::string, cv::Mat>& m) {
+            if (erase)
+                m.erase("P2");
+            else
+                m["P2"] = cv::Mat::eye(3, 3, CV_64F);
+        });
         auto e = makeEngine(intr, extr, "");
         expectNoCalibration(*e);
         cv::Mat a, b;
-        EXPECT_FALSE(e->getStereoRemapMat(a, b));
+        EXPECT_FALSE(e->getStereoRemapMat(a, b)) << erase;
     }
 }
 

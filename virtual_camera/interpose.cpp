@@ -1,6 +1,8 @@
 // The C library entry points the virtual camera stands in front of; everything not about its node
 // goes straight through.
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/select.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -107,6 +109,18 @@ FILE* fopen64(const char* path, const char* mode) {
     FILE* f;
     if (node::interceptFopen(path, &f)) return f;
     return real::fopen64(path, mode);
+}
+
+int poll(struct pollfd* fds, nfds_t nfds, int timeout) {
+    int r;
+    if (node::interceptPoll(fds, nfds, timeout, &r)) return r;
+    return real::poll(fds, nfds, timeout);
+}
+
+int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout) {
+    int r;
+    if (node::interceptSelect(nfds, readfds, writefds, exceptfds, timeout, &r)) return r;
+    return real::select(nfds, readfds, writefds, exceptfds, timeout);
 }
 
 }  // extern "C"

@@ -1,6 +1,7 @@
 // The virtual camera's node driven with bare open/ioctl/mmap: driver semantics, errno values,
 // ownership, pacing, drops and free-running order.
 #include <gtest/gtest.h>
+#include <dirent.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <termios.h>
@@ -36,6 +37,15 @@ int64_t monotonicUs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return int64_t(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+int openDescriptors() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
 }
 
 int64_t timestampUs(const v4l2_buffer& b) { return int64_t(b.timestamp.tv_sec) * 1000000 + b.timestamp.tv_usec; }
@@ -266,9 +276,16 @@ TEST_F(VcamV4l2, OnlyTheFirstOwnerMayUseTheQueue) {
 }
 
 TEST_F(VcamV4l2, ClosingTheOwnerStopsStreamingButMappingsKeepTheirPages) {
+    std::string truth = std::string(ORVO_BINARY_DIR) + "/vcam_close_truth.txt";
+    ScopedEnv env{{"ORVO_VCAM_TRUTH", truth.c_str()}};
     uint64_t sessions = orvo::vcam::statistics().sessions;
+    int lowest = dup(0);
+    close(lowest);
+    int fds_before = openDescriptors();
     V4l2Client c(kNode);
+    EXPECT_EQ(lowest, c.fd()) << "the lowest free descriptor, as the kernel gives";
     ASSERT_EQ(0, c.start(4));
+    EXPECT_EQ(fds_before + 1, openDescriptors()) << "streaming costs the node's descriptor and nothing else";
     EXPECT_EQ(sessions + 1, orvo::vcam::statistics().sessions);
     EXPECT_TRUE(orvo::vcam::statistics().streaming);
     v4l2_buffer b;
@@ -282,6 +299,7 @@ TEST_F(VcamV4l2, ClosingTheOwnerStopsStreamingButMappingsKeepTheirPages) {
     EXPECT_EQ(0u, s.open_descriptors);
     EXPECT_EQ(1u, s.frames_served);
     EXPECT_EQ(0, std::memcmp(copy.data(), mapped, kFrame));
+    EXPECT_EQ(fds_before, openDescriptors());
 
     V4l2Client again(kNode);
     ASSERT_GE(again.fd(), 0);

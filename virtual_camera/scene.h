@@ -66,7 +66,7 @@ struct SceneImu {
 };
 
 struct SceneRender {
-    int samples = 3;                     // per axis and pixel (samples x samples rays)
+    int samples = 4;                     // rays per axis on pixels at surface boundaries
     cv::Vec3d light_direction{0.3, 0.6, -1.0};  // direction the light travels, world frame
     double ambient = 0.4;
     double diffuse = 0.6;

@@ -150,13 +150,20 @@ bool readObject(const cv::FileNode& node, int index, SceneObject& object, std::s
     r.vec("centre", object.centre);
     r.vec("axis_u", object.axis_u);
     r.vec("axis_v", object.axis_v);
-    r.vec("size", object.size);
     r.number("yaw_deg", object.yaw_deg);
     if (!r.error().empty()) return fail(error, r.error());
     if (type == "plane") object.kind = SceneObject::kPlane;
     else if (type == "box") object.kind = SceneObject::kBox;
     else return fail(error, where + ".type must be plane or box, not \"" + type + "\"");
     const int extents = object.kind == SceneObject::kPlane ? 2 : 3;
+    if (object.kind == SceneObject::kPlane) {
+        cv::Vec2d size(object.size[0], object.size[1]);
+        r.vec("size", size);
+        object.size = {size[0], size[1], 0};
+    } else {
+        r.vec("size", object.size);
+    }
+    if (!r.error().empty()) return fail(error, r.error());
     for (int i = 0; i < extents; ++i)
         if (!(object.size[i] > 0)) return fail(error, where + ".size must be positive");
     if (object.kind == SceneObject::kPlane && !orthonormalise(object.axis_u, object.axis_v))
@@ -258,10 +265,18 @@ bool readScene(const cv::FileStorage& fs, const std::string& folder, Scene& scen
     return true;
 }
 
+// Counts are written as integers where the file format's int holds them.
+void writeCount(cv::FileStorage& fs, const char* key, uint64_t value) {
+    if (value <= 2147483647u) fs << key << int(value);
+    else fs << key << double(value);
+}
+
 void writeTexture(cv::FileStorage& fs, const SceneTexture& t) {
     static const char* const kinds[] = {"flat", "noise", "checker"};
     fs << "texture" << "{" << "kind" << kinds[t.kind] << "scale" << t.scale << "mean" << t.mean
-       << "contrast" << t.contrast << "octaves" << t.octaves << "seed" << double(t.seed) << "}";
+       << "contrast" << t.contrast << "octaves" << t.octaves;
+    writeCount(fs, "seed", t.seed);
+    fs << "}";
 }
 
 void writeObject(cv::FileStorage& fs, const SceneObject& o) {
@@ -270,7 +285,7 @@ void writeObject(cv::FileStorage& fs, const SceneObject& o) {
     fs << "centre" << o.centre;
     if (o.kind == SceneObject::kPlane) {
         fs << "axis_u" << o.axis_u << "axis_v" << o.axis_v
-           << "size" << cv::Vec3d(o.size[0], o.size[1], 0);
+           << "size" << cv::Vec2d(o.size[0], o.size[1]);
     } else {
         fs << "size" << o.size << "yaw_deg" << o.yaw_deg;
     }
@@ -329,9 +344,12 @@ bool saveScene(const std::string& path, const Scene& s, std::string* error) {
            << m.translation_hz << "}";
         const SceneImu& i = s.imu;
         fs << "imu" << "{" << "sample_rate" << i.sample_rate << "ticks_per_second"
-           << i.ticks_per_second << "tick_offset" << double(i.tick_offset) << "gyro_bias"
-           << i.gyro_bias << "accel_bias" << i.accel_bias << "gyro_noise" << i.gyro_noise
-           << "accel_noise" << i.accel_noise << "seed" << double(i.seed) << "}";
+           << i.ticks_per_second;
+        writeCount(fs, "tick_offset", i.tick_offset);
+        fs << "gyro_bias" << i.gyro_bias << "accel_bias" << i.accel_bias << "gyro_noise"
+           << i.gyro_noise << "accel_noise" << i.accel_noise;
+        writeCount(fs, "seed", i.seed);
+        fs << "}";
         const SceneRender& g = s.render;
         fs << "render" << "{" << "samples" << g.samples << "light_direction" << g.light_direction
            << "ambient" << g.ambient << "diffuse" << g.diffuse << "background" << g.background

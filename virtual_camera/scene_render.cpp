@@ -14,6 +14,9 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kMinHit = 1e-6;  // metres; hits closer than this to the lens are ignored
+// Amplitude of each noise octave relative to the one before: above one half, so that the fine
+// detail block matching feeds on is not drowned by the coarse shapes.
+constexpr double kPersistence = 0.7;
 
 // An object in some frame: centre, orthonormal axes as columns, half extents along them. A plane
 // uses axes 0 and 1 and has its normal in column 2.
@@ -153,7 +156,7 @@ double textureGrey(const SceneTexture& tx, double u, double v, double footprint)
         const double weight = std::clamp(wavelength / (2 * footprint) - 1.0, 0.0, 1.0);
         if (weight > 0) sum += amplitude * weight * valueNoise(u / wavelength, v / wavelength, tx.seed + o);
         norm += amplitude;
-        amplitude *= 0.5;
+        amplitude *= kPersistence;
         wavelength *= 0.5;
     }
     return tx.mean + tx.contrast * sum / norm;
@@ -182,56 +185,96 @@ struct SceneRenderer::Impl {
     cv::Vec3d centres[2];
     std::vector<Shape> shapes;  // world frame
     SceneRender settings;
-    double focal = 1;
+    double pixel_angle = 1;     // radians between neighbouring pixels near the image centre
 
     void renderLens(int lens, const std::vector<Shape>& local, cv::Mat& out) const;
     double shadeSample(const std::vector<Shape>& local, const cv::Vec3d& origin, cv::Vec3d d,
-                       double spacing) const;
+                       int& surface) const;
+    double supersample(const std::vector<Shape>& local, const cv::Vec3d& origin, const cv::Mat& r,
+                       int x, int y) const;
 };
 
+// Grey seen along direction d from origin, and which surface (object * 6 + face, -1 for none).
 double SceneRenderer::Impl::shadeSample(const std::vector<Shape>& local, const cv::Vec3d& origin,
-                                        cv::Vec3d d, double spacing) const {
+                                        cv::Vec3d d, int& surface) const {
     d = cv::normalize(d);
     Hit hit;
     for (const Shape& s : local) {
         if (s.kind == SceneObject::kPlane) intersectPlane(s, origin, d, hit);
         else intersectBox(s, origin, d, hit);
     }
-    if (!hit.shape) return settings.background;
-    const double footprint = hit.t * spacing / std::max(hit.cosine, 0.05);
+    if (!hit.shape) {
+        surface = -1;
+        return settings.background;
+    }
+    surface = int(hit.shape - local.data()) * 6 + hit.face;
+    // A grazing surface's footprint is long along the ray and short across it; their geometric
+    // mean keeps the across-detail without letting the along-detail alias badly.
+    const double footprint = hit.t * pixel_angle / std::sqrt(std::max(hit.cosine, 0.01));
     return hit.shape->shade[hit.face] * textureGrey(hit.shape->texture, hit.u, hit.v, footprint);
 }
 
+// Mean of samples x samples rays spread evenly over pixel (x, y); the rays between pixel centres
+// follow the lens model to first order.
+double SceneRenderer::Impl::supersample(const std::vector<Shape>& local, const cv::Vec3d& origin,
+                                        const cv::Mat& r, int x, int y) const {
+    const int n = settings.samples;
+    const cv::Vec3f* up = y > 0 ? r.ptr<cv::Vec3f>(y - 1) : nullptr;
+    const cv::Vec3f* row = r.ptr<cv::Vec3f>(y);
+    const cv::Vec3f* down = y + 1 < r.rows ? r.ptr<cv::Vec3f>(y + 1) : nullptr;
+    const cv::Vec3f& c = row[x];
+    double sum = 0;
+    int surface;
+    for (int sy = 0; sy < n; ++sy) {
+        const double oy = (sy + 0.5) / n - 0.5;
+        const cv::Vec3d gy = rayStep(c, up ? &up[x] : nullptr, down ? &down[x] : nullptr, oy);
+        for (int sx = 0; sx < n; ++sx) {
+            const double ox = (sx + 0.5) / n - 0.5;
+            const cv::Vec3d gx = rayStep(c, x > 0 ? &row[x - 1] : nullptr,
+                                         x + 1 < r.cols ? &row[x + 1] : nullptr, ox);
+            sum += shadeSample(local, origin, cv::Vec3d(c) + gx * ox + gy * oy, surface);
+        }
+    }
+    return sum / (n * n);
+}
+
+// One ray through every pixel centre; then the pixels on a surface boundary (a neighbour sees
+// another surface) are supersampled, which is where aliasing would show. Textures are filtered to
+// the pixel footprint, so inside a surface one sample is enough.
 void SceneRenderer::Impl::renderLens(int lens, const std::vector<Shape>& local, cv::Mat& out) const {
     const cv::Mat& r = rays[lens];
-    out.create(r.size(), CV_8UC1);
-    const int n = settings.samples;
-    const double spacing = 1.0 / (focal * n);  // angle between neighbouring samples, radians
     const cv::Vec3d origin = centres[lens];
+    cv::Mat grey(r.size(), CV_32F), surfaces(r.size(), CV_32S);
     cv::parallel_for_(cv::Range(0, r.rows), [&](const cv::Range& rows) {
         for (int y = rows.start; y < rows.end; ++y) {
-            const cv::Vec3f* up = y > 0 ? r.ptr<cv::Vec3f>(y - 1) : nullptr;
             const cv::Vec3f* row = r.ptr<cv::Vec3f>(y);
-            const cv::Vec3f* down = y + 1 < r.rows ? r.ptr<cv::Vec3f>(y + 1) : nullptr;
+            float* g = grey.ptr<float>(y);
+            int* id = surfaces.ptr<int>(y);
+            for (int x = 0; x < r.cols; ++x) {
+                if (finite(row[x])) {
+                    g[x] = float(shadeSample(local, origin, cv::Vec3d(row[x]), id[x]));
+                } else {
+                    g[x] = float(settings.background);
+                    id[x] = -2;
+                }
+            }
+        }
+    });
+    out.create(r.size(), CV_8UC1);
+    cv::parallel_for_(cv::Range(0, r.rows), [&](const cv::Range& rows) {
+        for (int y = rows.start; y < rows.end; ++y) {
+            const int* id = surfaces.ptr<int>(y);
+            const float* g = grey.ptr<float>(y);
             uint8_t* dst = out.ptr<uint8_t>(y);
             for (int x = 0; x < r.cols; ++x) {
-                const cv::Vec3f& c = row[x];
-                if (!finite(c)) {
-                    dst[x] = cv::saturate_cast<uint8_t>(settings.background);
-                    continue;
+                bool boundary = false;
+                for (int ny = std::max(y - 1, 0); ny <= std::min(y + 1, r.rows - 1) && !boundary; ++ny) {
+                    const int* nid = surfaces.ptr<int>(ny);
+                    for (int nx = std::max(x - 1, 0); nx <= std::min(x + 1, r.cols - 1); ++nx)
+                        boundary = boundary || nid[nx] != id[x];
                 }
-                double sum = 0;
-                for (int sy = 0; sy < n; ++sy) {
-                    const double oy = (sy + 0.5) / n - 0.5;
-                    const cv::Vec3d gy = rayStep(c, up ? &up[x] : nullptr, down ? &down[x] : nullptr, oy);
-                    for (int sx = 0; sx < n; ++sx) {
-                        const double ox = (sx + 0.5) / n - 0.5;
-                        const cv::Vec3d gx = rayStep(c, x > 0 ? &row[x - 1] : nullptr,
-                                                     x + 1 < r.cols ? &row[x + 1] : nullptr, ox);
-                        sum += shadeSample(local, origin, cv::Vec3d(c) + gx * ox + gy * oy, spacing);
-                    }
-                }
-                dst[x] = cv::saturate_cast<uint8_t>(sum / (n * n));
+                const bool sample = boundary && id[x] != -2 && settings.samples > 1;
+                dst[x] = cv::saturate_cast<uint8_t>(sample ? supersample(local, origin, r, x, y) : g[x]);
             }
         }
     });
@@ -247,13 +290,12 @@ SceneRenderer::SceneRenderer(const Scene& scene, const Rig& rig) {
         impl->centres[lens] = {c.x, c.y, c.z};
     }
     impl->settings = scene.render;
-    impl->focal = rig.spec().focal;
+    impl->pixel_angle = 1.0 / rig.spec().focal;
     for (const SceneObject& o : scene.objects) impl->shapes.push_back(worldShape(o, scene.render));
     impl_ = impl;
 }
 
-// Renders the left and right lens images seen from `pose` (8-bit, the rig's size). Each pixel is
-// the mean of samples x samples rays spread over its area.
+// Renders the left and right lens images seen from `pose` (8-bit, the rig's size).
 void SceneRenderer::render(const ScenePose& pose, cv::Mat& left, cv::Mat& right) const {
     const cv::Matx33d to_camera = pose.world_from_camera.t();
     std::vector<Shape> local = impl_->shapes;

@@ -51,6 +51,23 @@ std::vector<Polygon> worldFaces(const SceneObject& o) {
     return faces;
 }
 
+struct Limit {
+    cv::Vec3d normal;
+    double offset;
+};
+
+// The box's limits are strict: a clipped face that only lies on them (a face touching the box)
+// has no point inside. The mean of its corners is inside whenever any point of it is.
+bool reachesInside(const Polygon& face, const std::vector<Limit>& limits) {
+    if (face.empty()) return false;
+    cv::Vec3d mean(0, 0, 0);
+    for (const cv::Vec3d& p : face) mean += p;
+    mean *= 1.0 / double(face.size());
+    for (const Limit& l : limits)
+        if (!(l.normal.dot(mean) + l.offset > 0)) return false;
+    return true;
+}
+
 }  // namespace
 
 // Parses "half_width,height,max_depth[,tilt]" (metres, radians). Returns false with a message on
@@ -90,18 +107,15 @@ double nearestDepthInBox(const Scene& scene, const Rig& rig, const cv::Matx33d& 
     const cv::Matx33d tilt(1, 0, 0, 0, k, -s, 0, s, k);
     const cv::Matx33d to_search = tilt * rectified * world_from_camera.t();
     const double centre = rig.spec().baseline / 2;
-    struct Limit {
-        cv::Vec3d normal;
-        double offset;
-    };
-    const Limit limits[] = {{{1, 0, 0}, box.half_width - centre}, {{-1, 0, 0}, centre + box.half_width},
+    const std::vector<Limit> limits = {{{1, 0, 0}, box.half_width - centre}, {{-1, 0, 0}, centre + box.half_width},
                             {{0, 1, 0}, box.height},              {{0, -1, 0}, 0},
-                            {{0, 0, 1}, -kMinDepth},              {{0, 0, -1}, box.max_depth}};
+                                       {{0, 0, 1}, -kMinDepth},              {{0, 0, -1}, box.max_depth}};
     double nearest = std::numeric_limits<double>::infinity();
     for (const SceneObject& o : scene.objects) {
         for (Polygon face : worldFaces(o)) {
             for (cv::Vec3d& p : face) p = to_search * (p - camera_position);
             for (const Limit& l : limits) face = clip(face, l.normal, l.offset);
+            if (!reachesInside(face, limits)) continue;
             for (const cv::Vec3d& p : face) nearest = std::min(nearest, p[2]);
         }
     }

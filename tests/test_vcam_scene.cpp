@@ -150,9 +150,9 @@ struct OutlineError {
 
 // Distance, in pixels, between the rendered outline of the box's front face and its projection,
 // along its left, right and top edges, each checked every 7 pixels.
-OutlineError outlineError(const Scene& scene, const cv::Mat& image, int lens) {
+OutlineError outlineError(const Scene& scene, const cv::Mat& image, int lens, double t = 0) {
     const Rig rig(scene.rig);
-    const ScenePose pose = scenePose(scene.motion, 0);
+    const ScenePose pose = scenePose(scene.motion, t);
     const SceneObject& box = scene.objects[1];
     const double front = box.centre[1] - box.size[1] / 2;
     const double x0 = box.centre[0] - box.size[0] / 2, x1 = box.centre[0] + box.size[0] / 2;
@@ -214,6 +214,26 @@ TEST(SceneRender, OutlinesFallWhereTheRigProjectsThemThroughBothDistortedLenses)
         // The lenses really differ: the other lens's projection is pixels away.
         EXPECT_GT(outlineError(*scene, pair.right, 0).mean, 3.0);
     }
+}
+
+TEST(SceneRender, AMovingCameraIsRenderedAtEachFramesPoseUnlessToldToKeepItsFirstImage) {
+    Scene s = outlineScene(RigSpec());
+    s.motion.rate_deg_s = {2, 0, 10};
+    s.motion.translation_amplitude = {0.05, 0, 0};
+    s.motion.translation_hz = 0.4;
+    Source first_served_late(s);
+    ASSERT_TRUE(first_served_late.source);
+    first_served_late.render(15);  // t = 0.5 s: turned 5 degrees left and moved 4.8 cm right
+    const Pair late = split(first_served_late.bytes);
+    for (int lens = 0; lens < 2; ++lens) {
+        const cv::Mat& image = lens == 0 ? late.left : late.right;
+        EXPECT_LT(outlineError(s, image, lens, 0.5).worst, 0.15) << lens;
+        EXPECT_GT(outlineError(s, image, lens, 0.0).mean, 3.0) << lens;  // pixels off at t = 0
+    }
+    s.render.follow_motion = false;
+    Source kept(s);
+    kept.render(15);
+    EXPECT_LT(outlineError(s, split(kept.bytes).left, 0, 0.0).worst, 0.15);
 }
 
 TEST(SceneRender, TexturedSceneHasDetailEverywhereAndStaticFramesKeepTheirImages) {

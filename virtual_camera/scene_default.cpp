@@ -65,6 +65,7 @@ Scene defaultScene() {
     return s;
 }
 
+// Where the shipped default scene lies in the source tree.
 std::string defaultScenePath() { return std::string(ORVO_DATA_DIR) + "/default_scene/scene.yml"; }
 
 // Writes the default scene as "scene.yml" with its calibration files "intrinsics.yml" and

@@ -295,6 +295,7 @@ void writeObject(cv::FileStorage& fs, const SceneObject& o) {
 
 }  // namespace
 
+// True when no motion term is active, so every frame shows the same images.
 bool SceneMotion::isStatic() const {
     const bool turning = cv::norm(rate_deg_s) != 0;
     const bool swinging = oscillation_deg != 0 && oscillation_hz != 0;

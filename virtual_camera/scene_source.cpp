@@ -84,8 +84,8 @@ std::string SceneSource::nearestDepthExtra(const ScenePose& pose) const {
 void SceneSource::render(uint64_t index, double /*time_s*/, uint8_t* dst, FrameTruth& truth) {
     const double t = double(index) / scene_.frame_rate;
     const ScenePose pose = scenePose(scene_.motion, t);
-    const bool moving_images = scene_.render.follow_motion && !scene_.motion.isStatic();
-    if (!rendered_ || moving_images) renderImages(rendered_ ? pose : scenePose(scene_.motion, 0));
+    if (scene_.render.follow_motion && !scene_.motion.isStatic()) renderImages(pose);
+    else if (!rendered_) renderImages(scenePose(scene_.motion, 0));
     std::memcpy(dst, frame_.data(), frame::kBytes);
     fillTrailer(int64_t(index), dst, truth);
     truth.has_attitude = true;
@@ -121,6 +121,7 @@ std::unique_ptr<FrameSource> makeSceneSource(const std::string& path, std::strin
     return makeSource(scene, "scene:" + path, error);
 }
 
+// The source of a scene built in code (tests); null with a message as above.
 std::unique_ptr<FrameSource> makeSceneSource(const Scene& scene, std::string* error) {
     return makeSource(scene, "scene", error);
 }

@@ -129,9 +129,6 @@ TEST(VcamPattern, LensesSeeOneScrollingTextureWithAFixedDisparity) {
     std::string error;
     auto src = orvo::vcam::makeFrameSource("pattern", &error);
     ASSERT_TRUE(src) << error;
-    auto unset = orvo::vcam::makeFrameSource("", &error);
-    ASSERT_TRUE(unset);
-    EXPECT_EQ("pattern", unset->describe());
 
     std::vector<uint8_t> f0(kFrame), f1(kFrame), again(kFrame);
     FrameTruth t0, t1, t;

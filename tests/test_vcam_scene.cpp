@@ -7,11 +7,14 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <sstream>
 
 #include "frame_format.h"
 #include "scene.h"
 #include "scratch_dir.h"
+#include "v4l2_client.h"
+#include "video_device.h"
 
 namespace {
 
@@ -396,44 +399,128 @@ TEST(SceneTrailer, EachFrameCarriesTheSamplesSinceThePreviousFrameAsTheTruthHasT
     }
 }
 
-TEST(SceneTrailer, BiasAndNoiseHaveTheConfiguredStatisticsAndFollowTheSeed) {
-    Scene s;
+// Splits a truth-file line into its key=value fields.
+std::map<std::string, std::string> truthFields(const std::string& line) {
+    std::map<std::string, std::string> fields;
+    std::stringstream in(line);
+    std::string item;
+    while (in >> item) {
+        const size_t eq = item.find('=');
+        if (eq != std::string::npos) fields[item.substr(0, eq)] = item.substr(eq + 1);
+    }
+    return fields;
+}
+
+// "ticks:gx,gy,gz:ax,ay,az:graw x,y,z:araw x,y,z" of one truth sample.
+ImuTruthSample truthSample(const std::string& text) {
+    ImuTruthSample s;
+    int graw[3], araw[3];
+    EXPECT_EQ(13, std::sscanf(text.c_str(), "%u:%lf,%lf,%lf:%lf,%lf,%lf:%d,%d,%d:%d,%d,%d", &s.ticks,
+                              &s.gyro_rad_s[0], &s.gyro_rad_s[1], &s.gyro_rad_s[2], &s.accel_g[0],
+                              &s.accel_g[1], &s.accel_g[2], &graw[0], &graw[1], &graw[2], &araw[0],
+                              &araw[1], &araw[2]))
+        << text;
+    for (int a = 0; a < 3; ++a) {
+        s.gyro_raw[a] = int16_t(graw[a]);
+        s.accel_raw[a] = int16_t(araw[a]);
+    }
+    return s;
+}
+
+TEST(SceneTrailer, FramesServedByTheVirtualCameraMatchTheTruthFileWithTheConfiguredBiasAndNoise) {
+    orvo_test::ScratchDir dir;
+    Scene s = defaultScene();
+    s.motion.rate_deg_s = {0, 0, 15};
+    s.render.follow_motion = false;
     s.imu.gyro_bias = {25, -40, 7};
     s.imu.accel_bias = {100, -50, 0};
     s.imu.gyro_noise = 3;
     s.imu.accel_noise = 6;
     s.imu.seed = 77;
-    const int n = 6000;
-    double sum[6] = {0}, sq[6] = {0};
-    for (int k = 0; k < n; ++k) {
-        const ImuTruthSample t = imuSample(s, k);
-        for (int a = 0; a < 3; ++a) {
-            const double g = t.gyro_raw[a] - s.imu.gyro_bias[a];
-            const double f = t.accel_raw[a] - s.imu.accel_bias[a] - (a == 2 ? 8192 : 0);
-            sum[a] += g, sq[a] += g * g;
-            sum[3 + a] += f, sq[3 + a] += f * f;
+    std::string error;
+    ASSERT_TRUE(saveScene(dir.file("scene.yml"), s, &error)) << error;
+    const char* node = "/dev/video-virtual-scene";
+    const std::string source = "scene:" + dir.file("scene.yml"), truth_path = dir.file("truth.txt");
+    orvo_test::ScopedEnv env{{"ORVO_VCAM_DEVICE", node}, {"ORVO_VCAM_SOURCE", source.c_str()},
+                             {"ORVO_VCAM_FPS", "0"}, {"ORVO_VCAM_TRUTH", truth_path.c_str()},
+                             {"ORVO_VCAM_TRUTH_BOX", "0.5,0.5,3"}, {"ORVO_VCAM_FAULTS", nullptr}};
+    const int frames = 300;
+    std::vector<Decoded> decoded;
+    {
+        video_device camera(node, frame::kWidth, frame::kHeight);
+        for (int i = 0; i < frames; ++i) {
+            unsigned char* data = nullptr;
+            unsigned long length = 0;
+            ASSERT_EQ(0, camera.get_frame(&data, &length));
+            ASSERT_EQ(frame::kBytes, length);
+            decoded.push_back(decodeTrailer(std::vector<uint8_t>(data, data + length)));
+            camera.unget_frame();
         }
     }
+    std::ifstream truth(truth_path);
+    std::string line;
+    const double gyro_counts = 16.4 * 57.3, accel_counts = 8192;
+    double sum[6] = {0}, sq[6] = {0};
+    int samples = 0;
+    for (int i = 0; i < frames && std::getline(truth, line); ++i) {
+        auto f = truthFields(line);
+        ASSERT_EQ(f["index"], std::to_string(i));
+        const Decoded& d = decoded[i];
+        EXPECT_EQ(f["ticks"], std::to_string(d.frame_ticks)) << i;
+        EXPECT_EQ(d.frame_ticks, uint32_t(std::llround(i * 1e6 / 30))) << i;
+        ASSERT_EQ(f["imu"], std::to_string(d.records.size())) << i;
+        for (size_t r = 0; r < d.records.size(); ++r) {
+            const ImuTruthSample t = truthSample(f["imu" + std::to_string(r)]);
+            EXPECT_EQ(d.records[r].ticks, t.ticks);
+            EXPECT_EQ(t.ticks, uint32_t(5000 * samples));
+            for (int a = 0; a < 3; ++a) {
+                EXPECT_EQ(d.records[r].gyro[a], t.gyro_raw[a]);
+                EXPECT_EQ(d.records[r].accel[a], t.accel_raw[a]);
+                const double g = d.records[r].gyro[a] - s.imu.gyro_bias[a] - t.gyro_rad_s[a] * gyro_counts;
+                const double acc = d.records[r].accel[a] - s.imu.accel_bias[a] - t.accel_g[a] * accel_counts;
+                sum[a] += g, sq[a] += g * g;
+                sum[3 + a] += acc, sq[3 + a] += acc * acc;
+            }
+            EXPECT_NEAR(t.gyro_rad_s[2], 15 * kPi / 180, 1e-12);
+            EXPECT_NEAR(t.accel_g[2], 1, 1e-12);
+            ++samples;
+        }
+        const double half_turn = rad(15.0 * i / 30) / 2;
+        double q[4];
+        ASSERT_EQ(4, std::sscanf(f["attitude"].c_str(), "%lf,%lf,%lf,%lf", &q[0], &q[1], &q[2], &q[3]));
+        EXPECT_NEAR(q[0], std::cos(half_turn), 1e-12);
+        EXPECT_NEAR(q[3], std::sin(half_turn), 1e-12);
+        EXPECT_EQ(f.count("nearest_depth"), 1u);
+        if (i == 0) {
+            EXPECT_EQ(f["nearest_depth"], "1.399397");
+        }
+    }
+    ASSERT_EQ(samples, 1 + 299 * 20 / 3);  // 200 a second
+    // What is left after the truth and the bias is the noise, plus 1/12 count^2 from rounding.
     for (int c = 0; c < 6; ++c) {
         const double sigma = c < 3 ? 3 : 6;
-        const double mean = sum[c] / n;
-        const double dev = std::sqrt(sq[c] / n - mean * mean);
-        EXPECT_NEAR(mean, 0, 4 * sigma / std::sqrt(n)) << c;
-        // Rounding to counts adds 1/12 count^2 of variance.
-        EXPECT_NEAR(dev, std::sqrt(sigma * sigma + 1.0 / 12), 0.05 * sigma) << c;
+        const double mean = sum[c] / samples;
+        const double dev = std::sqrt(sq[c] / samples - mean * mean);
+        EXPECT_NEAR(mean, 0, 4 * sigma / std::sqrt(samples)) << c;
+        EXPECT_NEAR(dev, std::sqrt(sigma * sigma + 1.0 / 12), 0.08 * sigma) << c;
     }
+}
+
+TEST(SceneTrailer, NoiseFollowsTheSeedAndCountsSaturate) {
+    Scene s;
+    s.imu.gyro_bias = {25, -40, 7};
+    s.imu.gyro_noise = 3;
+    s.imu.seed = 77;
     const ImuTruthSample a = imuSample(s, 123);
     EXPECT_EQ(std::memcmp(a.gyro_raw, imuSample(s, 123).gyro_raw, 6), 0);
-    s.imu.seed = 78;
+    Scene other = s;
+    other.imu.seed = 78;
     int differing = 0;
-    for (int k = 0; k < 20; ++k) {
-        Scene other = s;
-        other.imu.seed = 77;
+    for (int k = 0; k < 20; ++k)
         differing += std::memcmp(imuSample(s, k).gyro_raw, imuSample(other, k).gyro_raw, 6) != 0;
-    }
     EXPECT_GE(differing, 18);
     // Without noise the counts are the rounded truth plus bias, saturated to 16 bits.
-    s.imu.gyro_noise = s.imu.accel_noise = 0;
+    s.imu.gyro_noise = 0;
     s.motion.rate_deg_s = {0, 2500, -2500};
     const ImuTruthSample fast = imuSample(s, 5);
     EXPECT_EQ(fast.gyro_raw[1], 32767);
@@ -666,9 +753,17 @@ TEST(DefaultScene, ShippedFilesAreWhatTheGeneratorWritesAndShowTheObstacleInTheD
     s.objects.erase(s.objects.begin() + 2);
     EXPECT_NEAR(nearestDepthInBox(s, rig, pose.world_from_camera, pose.position, {3, 0.5, 6, 0}), 4.5, 0.05);
 
-    std::unique_ptr<FrameSource> source = makeDefaultSceneSource(&error);
+    // The virtual camera's source names: unset is the default scene.
+    std::unique_ptr<FrameSource> source = makeFrameSource("", &error);
     ASSERT_TRUE(source) << error;
     EXPECT_EQ(source->describe(), "scene:" + defaultScenePath());
+    source = makeFrameSource("scene:" + defaultScenePath(), &error);
+    ASSERT_TRUE(source) << error;
+    EXPECT_EQ(source->describe(), "scene:" + defaultScenePath());
+    EXPECT_FALSE(makeFrameSource("scene:", &error));
+    EXPECT_EQ(error, "'scene:' needs a file name (scene:FILE)");
+    EXPECT_FALSE(makeFrameSource("scene:/nonexistent/s.yml", &error));
+    EXPECT_EQ(error, "cannot read scene file /nonexistent/s.yml");
 }
 
 }  // namespace

@@ -153,6 +153,8 @@ TEST_F(Depth, RandomMapsMatchThePlainLoopBitForBit) {
         {371.25, 243.5, 430.0, b, {2.0, 1.5, 10.0, -0.35}},
         {371.25, 243.5, 430.0, b, {inf, inf, inf, 0.0}},
         {371.25, 243.5, 430.0, b, {inf, inf, inf, 1.2}},
+        {371.25, 243.5, 430.0, b, {2.0, 2.0, 8.0, -1.5}},   // rows that may look backwards
+        {371.25, 243.5, 430.0, b, {inf, inf, inf, 2.0}},    // turned past a right angle
         {371.25, 243.5, -430.0, b, {1.0, 0.3, 4.0, 0.0}},  // negative focal length
         {371.25, 243.5, 430.0, 0.0, {1.0, 0.3, 4.0, 0.0}},  // no calibration
         {-50.0, 600.0, 430.0, b, {1.0, 0.3, 4.0, 0.0}},     // principal point off the image
@@ -177,6 +179,47 @@ TEST_F(Depth, RandomMapsMatchThePlainLoopBitForBit) {
         }
     }
     EXPECT_GT(filled_total, 1000);  // the comparison covered many accepted points
+}
+
+// Sparse maps whose pixels sit within a few units in the last place of the edge of one test
+// each (depth 0.4, maximum depth, height, lateral limits), one pixel per column in columns 12
+// apart so that nearly every accepted pixel has a bin to itself: a shortcut that wrongly keeps
+// or drops a single pixel shows in the bins.
+TEST_F(Depth, PixelsOnTheEdgesOfEveryTestMatchThePlainLoop) {
+    const double cx = 371.25, cy = 243.5, fx = 430.0, b = 0.11999999731779099;
+    setConstants(cx, cy, fx, b);
+    const double tilts[] = {0.0, 0.2, -0.2, 0.35, -0.35, 1.2, -1.5};
+    std::mt19937 rng(31337);
+    std::uniform_int_distribution<int> ulps(-40, 40), kind(0, 4);
+    int accepted = 0;
+    for (double tilt : tilts) {
+        const winpar w{0.9, 0.45, 3.5, tilt};
+        const double s = std::sin(tilt), k = std::cos(tilt);
+        for (int r = 0; r < 480; r += 7) {
+            cv::Mat disp = cv::Mat::zeros(480, 752, CV_32F);
+            const double rb = (r - cy) * b, bf = b * fx;
+            for (int c = 3; c < 752; c += 12) {
+                const double cb = (c - cx) * b;
+                double edge = 0;
+                switch (kind(rng)) {
+                    case 0: edge = (rb * s + bf * k) / 0.4; break;
+                    case 1: edge = (rb * s + bf * k) / w.max_depth; break;
+                    case 2: edge = (rb * k - bf * s) / -w.height; break;
+                    case 3: edge = cb / (b / 2 - w.half_width); break;
+                    default: edge = cb / (b / 2 + w.half_width); break;
+                }
+                if (!(std::fabs(edge) > 1e-3 && std::fabs(edge) < 1e6)) continue;
+                disp.at<float>(r, c) = float(edge * (1.0 + ulps(rng) * 6e-8));
+            }
+            std::vector<nerapot> got = freshBins(), want = freshBins();
+            engine_->DispToPointCloud(disp, got.data(), w);
+            referenceCloud(disp, want.data(), w, cx, cy, fx, b);
+            ASSERT_TRUE(sameBits(got, want))
+                << "tilt " << tilt << " row " << r << ": " << firstDifference(got, want);
+            for (const nerapot& n : want) accepted += n.min_depth != kEmpty;
+        }
+    }
+    EXPECT_GT(accepted, 2000);
 }
 
 TEST_F(Depth, NonStandardAngleConstantsStillMatch) {

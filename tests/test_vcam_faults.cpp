@@ -1,0 +1,331 @@
+// The virtual camera's fault injection: the grammar, call counting per session, and every kind of
+// failure it can produce.
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "faults.h"
+#include "run_capture.h"
+#include "v4l2_client.h"
+#include "vcam.h"
+
+using orvo::vcam::Fault;
+using orvo::vcam::FaultAction;
+using orvo::vcam::FaultPlan;
+using orvo::vcam::FaultTarget;
+using orvo_test::ScopedEnv;
+using orvo_test::V4l2Client;
+
+namespace {
+
+constexpr const char* kNode = "/dev/video-vcam-test2";
+
+class VcamFaults : public ::testing::Test {
+protected:
+    ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", nullptr}, {"ORVO_VCAM_FPS", "0"},
+                   {"ORVO_VCAM_TRUTH", nullptr},  {"ORVO_VCAM_FAULTS", nullptr}, {"ORVO_VCAM_LOG", nullptr}};
+};
+
+TEST(VcamFaultGrammar, ParsesEveryFormAndNamesEachBadEntry) {
+    std::string complaints;
+    FaultPlan plan = FaultPlan::parse(
+        " DQBUF@5=EIO, ioctl=EINTR:3,S_FMT@2=EBUSY:2,REQBUFS@2=grant:0,caps=no-capture,,meminfo=unreadable,"
+        "bytesused@4=0,QUERYBUF=bad-offset,close=EIO,open=ENOENT,meminfo=no-memfree,caps=no-streaming,",
+        &complaints);
+    EXPECT_EQ("", complaints);
+    ASSERT_EQ(12u, plan.entries().size());
+    const Fault& dq = plan.entries()[0];
+    EXPECT_EQ("DQBUF@5=EIO", dq.text);
+    EXPECT_EQ(FaultTarget::Request, dq.target);
+    EXPECT_EQ(5u, dq.from);
+    EXPECT_EQ(0u, dq.calls);
+    EXPECT_EQ(EIO, dq.error);
+    EXPECT_FALSE(dq.hits(4));
+    EXPECT_TRUE(dq.hits(5));
+    EXPECT_TRUE(dq.hits(1000));
+    const Fault& intr = plan.entries()[1];
+    EXPECT_EQ(FaultTarget::AnyIoctl, intr.target);
+    EXPECT_TRUE(intr.hits(1) && intr.hits(3));
+    EXPECT_FALSE(intr.hits(4));
+    const Fault& fmt = plan.entries()[2];
+    EXPECT_FALSE(fmt.hits(1));
+    EXPECT_TRUE(fmt.hits(2) && fmt.hits(3));
+    EXPECT_FALSE(fmt.hits(4));
+    EXPECT_EQ(FaultAction::Grant, plan.entries()[3].action);
+    EXPECT_EQ(0u, plan.entries()[3].grant);
+    EXPECT_EQ(2u, plan.entries()[3].from);
+    EXPECT_EQ(FaultAction::NoCapture, plan.entries()[4].action);
+    EXPECT_EQ(FaultAction::Unreadable, plan.entries()[5].action);
+    EXPECT_EQ(FaultAction::ZeroBytes, plan.entries()[6].action);
+    EXPECT_EQ(FaultAction::BadOffset, plan.entries()[7].action);
+    EXPECT_EQ(FaultTarget::Close, plan.entries()[8].target);
+    EXPECT_EQ(ENOENT, plan.entries()[9].error);
+    EXPECT_EQ(EINTR, plan.errorFor(FaultTarget::AnyIoctl, 0, 2));
+    EXPECT_EQ(0, plan.errorFor(FaultTarget::AnyIoctl, 0, 4));
+    EXPECT_EQ(0, plan.errorFor(FaultTarget::Close, 0, 0)) << "call 0 is before the first";
+    EXPECT_EQ(EIO, plan.errorFor(FaultTarget::Close, 0, 1));
+    EXPECT_EQ(nullptr, plan.find(FaultAction::Grant, 1));
+    EXPECT_NE(nullptr, plan.find(FaultAction::Grant, 2));
+
+    complaints.clear();
+    FaultPlan bad = FaultPlan::parse(
+        "DQBUF,FOO=EIO,DQBUF@0=EIO,DQBUF@x=EIO,DQBUF=EWHAT,DQBUF=EIO:0,REQBUFS=grant,REQBUFS=grant:33,caps=EIO,"
+        "bytesused=1,QBUF=grant:2,VIDIOC_DQBUF=EIO,G_STD=EIO,QBUF=EIO",
+        &complaints);
+    ASSERT_EQ(1u, bad.entries().size()) << "only the last entry is good";
+    EXPECT_EQ("QBUF=EIO", bad.entries()[0].text);
+    EXPECT_EQ(
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'DQBUF': expected TARGET[@N]=ACTION[:K]\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'FOO=EIO': unknown target 'FOO'\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'DQBUF@0=EIO': bad call number '@0' (expected @N with N >= 1)\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'DQBUF@x=EIO': bad call number '@x' (expected @N with N >= 1)\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'DQBUF=EWHAT': unknown action 'EWHAT' for target 'DQBUF'\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'DQBUF=EIO:0': bad count ':0' (expected :K with K >= 1)\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'REQBUFS=grant': grant needs a buffer count from 0 to 32 "
+        "(REQBUFS=grant:K)\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'REQBUFS=grant:33': grant needs a buffer count from 0 to 32 "
+        "(REQBUFS=grant:K)\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'caps=EIO': unknown action 'EIO' for target 'caps'\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'bytesused=1': unknown action '1' for target 'bytesused'\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'QBUF=grant:2': unknown action 'grant' for target 'QBUF'\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'VIDIOC_DQBUF=EIO': unknown target 'VIDIOC_DQBUF'\n"
+        "orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'G_STD=EIO': unknown target 'G_STD'\n",
+        complaints);
+}
+
+// The capture class's sequence of requests; each failed step is recorded as "NAME:errno" and tried
+// once more.
+std::vector<std::string> runCaptureSequence(V4l2Client& c) {
+    std::vector<std::string> failures;
+    auto step = [&](const char* name, const std::function<int()>& fn) {
+        int e = fn();
+        if (e == 0) return;
+        failures.push_back(std::string(name) + ":" + orvo::vcam::errnoName(e));
+        e = fn();
+        if (e != 0) failures.push_back(std::string(name) + " again:" + orvo::vcam::errnoName(e));
+    };
+    v4l2_capability cap;
+    v4l2_cropcap cc;
+    v4l2_crop crop;
+    v4l2_streamparm parm;
+    v4l2_format fmt;
+    std::memset(&cc, 0, sizeof cc);
+    std::memset(&parm, 0, sizeof parm);
+    std::memset(&fmt, 0, sizeof fmt);
+    cc.type = crop.type = parm.type = fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    step("QUERYCAP", [&] { return c.call(VIDIOC_QUERYCAP, &cap); });
+    step("CROPCAP", [&] { return c.call(VIDIOC_CROPCAP, &cc); });
+    crop.c = cc.defrect;
+    step("S_CROP", [&] { return c.call(VIDIOC_S_CROP, &crop); });
+    step("S_FMT", [&] { return c.setFormat(); });
+    step("G_FMT", [&] { return c.call(VIDIOC_G_FMT, &fmt); });
+    step("G_PARM", [&] { return c.call(VIDIOC_G_PARM, &parm); });
+    parm.parm.capture.timeperframe = {1, 30};
+    step("S_PARM", [&] { return c.call(VIDIOC_S_PARM, &parm); });
+    step("REQBUFS", [&] { return c.requestBuffers(6); });
+    step("QUERYBUF", [&] { return c.mapAll(); });
+    for (uint32_t i = 0; i < 6; ++i) step("QBUF", [&] { return c.queue(i); });
+    step("STREAMON", [&] { return c.streamOn(); });
+    v4l2_buffer b;
+    step("DQBUF", [&] { return c.dequeue(&b); });
+    step("QBUF", [&] { return c.queue(b.index); });
+    step("STREAMOFF", [&] { return c.streamOff(); });
+    return failures;
+}
+
+TEST_F(VcamFaults, EachRequestNamedFailsAloneAndTheFailureChangesNothing) {
+    {
+        V4l2Client c(kNode);
+        EXPECT_EQ(std::vector<std::string>{}, runCaptureSequence(c)) << "no faults, no failures";
+    }
+    const char* names[] = {"QUERYCAP", "CROPCAP", "S_CROP", "S_FMT", "G_FMT", "G_PARM", "S_PARM",
+                           "REQBUFS", "QUERYBUF", "QBUF", "STREAMON", "DQBUF", "STREAMOFF"};
+    const char* errors[] = {"EIO", "EINVAL", "EBUSY", "ENODEV", "EPIPE", "EAGAIN", "ENOMEM"};
+    int n = 0;
+    for (const char* name : names) {
+        const char* error = errors[n++ % 7];
+        std::string spec = std::string(name) + "=" + error + ":1";
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", spec.c_str()}};
+        V4l2Client c(kNode);
+        EXPECT_EQ(std::vector<std::string>{std::string(name) + ":" + error}, runCaptureSequence(c)) << spec;
+    }
+}
+
+TEST_F(VcamFaults, CallsAreCountedFromTheStartOfEachSession) {
+    ScopedEnv faults{{"ORVO_VCAM_FAULTS", "DQBUF@3=EIO,ioctl=EINTR:3,G_PARM@2=EIO"}};
+    for (int session = 0; session < 2; ++session) {
+        V4l2Client c(kNode);
+        v4l2_capability cap;
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(EINTR, c.call(VIDIOC_QUERYCAP, &cap)) << "ioctl " << i + 1;
+        EXPECT_EQ(0, c.call(VIDIOC_QUERYCAP, &cap)) << "the fourth goes through";
+        v4l2_streamparm p;
+        std::memset(&p, 0, sizeof p);
+        p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        EXPECT_EQ(0, c.call(VIDIOC_G_PARM, &p));
+        EXPECT_EQ(EIO, c.call(VIDIOC_G_PARM, &p));
+        EXPECT_EQ(EIO, c.call(VIDIOC_G_PARM, &p)) << "every call from the second on";
+        ASSERT_EQ(0, c.start(4));
+        v4l2_buffer b;
+        ASSERT_EQ(0, c.dequeue(&b));
+        ASSERT_EQ(0, c.queue(b.index));
+        ASSERT_EQ(0, c.dequeue(&b));
+        ASSERT_EQ(0, c.queue(b.index));
+        EXPECT_EQ(EIO, c.dequeue(&b));
+        EXPECT_EQ(EIO, c.dequeue(&b));
+        EXPECT_EQ(2u, orvo::vcam::statistics().frames_served) << "failed dequeues serve nothing";
+    }
+}
+
+TEST_F(VcamFaults, SpecialActionsShapeTheDriversAnswers) {
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "REQBUFS=grant:1"}};
+        V4l2Client c(kNode);
+        uint32_t granted = 99;
+        ASSERT_EQ(0, c.requestBuffers(6, &granted));
+        EXPECT_EQ(1u, granted);
+    }
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "REQBUFS@2=grant:0"}};
+        V4l2Client c(kNode);
+        uint32_t granted = 99;
+        ASSERT_EQ(0, c.requestBuffers(6, &granted));
+        EXPECT_EQ(6u, granted);
+        ASSERT_EQ(0, c.requestBuffers(6, &granted));
+        EXPECT_EQ(0u, granted);
+        v4l2_buffer b;
+        EXPECT_EQ(EINVAL, c.query(0, &b)) << "nothing was allocated";
+    }
+    for (const char* spec : {"caps=no-capture", "caps=no-streaming", "caps=no-capture,caps=no-streaming"}) {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", spec}};
+        V4l2Client c(kNode);
+        v4l2_capability cap;
+        ASSERT_EQ(0, c.call(VIDIOC_QUERYCAP, &cap));
+        bool capture = std::strstr(spec, "no-capture") == nullptr;
+        bool streaming = std::strstr(spec, "no-streaming") == nullptr;
+        EXPECT_EQ(capture, (cap.capabilities & V4L2_CAP_VIDEO_CAPTURE) != 0) << spec;
+        EXPECT_EQ(streaming, (cap.capabilities & V4L2_CAP_STREAMING) != 0) << spec;
+        EXPECT_EQ(capture, (cap.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) << spec;
+    }
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "QUERYBUF@2=bad-offset:1"}};
+        V4l2Client c(kNode);
+        ASSERT_EQ(0, c.requestBuffers(2));
+        v4l2_buffer b;
+        ASSERT_EQ(0, c.query(0, &b));
+        EXPECT_EQ(0u, b.m.offset % 4096);
+        ASSERT_EQ(0, c.query(1, &b));
+        EXPECT_NE(0u, b.m.offset % 4096);
+        void* p = mmap(nullptr, b.length, PROT_READ, MAP_SHARED, c.fd(), b.m.offset);
+        EXPECT_EQ(MAP_FAILED, p);
+        EXPECT_EQ(EINVAL, errno);
+        ASSERT_EQ(0, c.query(1, &b));
+        EXPECT_EQ(0u, b.m.offset % 4096) << "only the one call";
+    }
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "bytesused@2=0:2"}};
+        V4l2Client c(kNode);
+        ASSERT_EQ(0, c.start(2));
+        uint32_t expect[] = {721920, 0, 0, 721920};
+        for (uint32_t want : expect) {
+            v4l2_buffer b;
+            ASSERT_EQ(0, c.dequeue(&b));
+            EXPECT_EQ(want, b.bytesused);
+            ASSERT_EQ(0, c.queue(b.index));
+        }
+    }
+}
+
+bool meminfoHas(const char* prefix, int* error = nullptr) {
+    FILE* f = fopen("/proc/meminfo", "r");
+    if (error) *error = f ? 0 : errno;
+    if (!f) return false;
+    char line[256];
+    bool found = false;
+    while (fgets(line, sizeof line, f))
+        if (std::strncmp(line, prefix, std::strlen(prefix)) == 0) found = true;
+    fclose(f);
+    return found;
+}
+
+TEST_F(VcamFaults, MeminfoFaultsApplyOnlyWhileTheNodeIsOpen) {
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "meminfo=no-memfree"}};
+        V4l2Client c(kNode);
+        EXPECT_FALSE(meminfoHas("MemFree:"));
+        EXPECT_TRUE(meminfoHas("MemTotal:"));
+        EXPECT_TRUE(meminfoHas("MemAvailable:"));
+    }
+    EXPECT_TRUE(meminfoHas("MemFree:")) << "node closed";
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "meminfo@2=unreadable"}};
+        V4l2Client c(kNode);
+        int error = 0;
+        EXPECT_TRUE(meminfoHas("MemFree:", &error));
+        EXPECT_FALSE(meminfoHas("MemFree:", &error));
+        EXPECT_EQ(EACCES, error);
+        errno = 0;
+        EXPECT_EQ(nullptr, fopen64("/proc/meminfo", "r"));
+        EXPECT_EQ(EACCES, errno);
+        FILE* other = fopen("/proc/self/status", "r");
+        EXPECT_NE(nullptr, other) << "other files are untouched";
+        if (other) fclose(other);
+    }
+}
+
+TEST_F(VcamFaults, OpenAndCloseFaults) {
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "open=ENOENT"}};
+        V4l2Client c(kNode);
+        EXPECT_EQ(-1, c.fd());
+        EXPECT_EQ(ENOENT, c.openError());
+        EXPECT_FALSE(orvo::vcam::statistics().active);
+    }
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "open@2=EBUSY:1"}};
+        V4l2Client first(kNode);
+        ASSERT_GE(first.fd(), 0);
+        V4l2Client second(kNode);
+        EXPECT_EQ(EBUSY, second.openError());
+        V4l2Client third(kNode);
+        EXPECT_GE(third.fd(), 0);
+    }
+    {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", "close=EIO"}};
+        int fd = open(kNode, O_RDWR);
+        ASSERT_GE(fd, 0);
+        errno = 0;
+        EXPECT_EQ(-1, close(fd));
+        EXPECT_EQ(EIO, errno);
+        EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "closed all the same";
+        EXPECT_EQ(EBADF, errno);
+        EXPECT_FALSE(orvo::vcam::statistics().active);
+    }
+}
+
+TEST_F(VcamFaults, AMalformedEntryIsReportedOnceAndTheRestStillApply) {
+    ScopedEnv faults{{"ORVO_VCAM_FAULTS", "DQBUF@x=EIO,QUERYCAP=EIO:1"}};
+    int fd = -1;
+    auto out = orvo_test::captureOutput([&] { fd = open(kNode, O_RDWR); });
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ("orvo-vcam: ORVO_VCAM_FAULTS: ignoring 'DQBUF@x=EIO': bad call number '@x' (expected @N with N >= 1)\n",
+              out.err);
+    v4l2_capability cap;
+    EXPECT_EQ(-1, ioctl(fd, VIDIOC_QUERYCAP, &cap));
+    EXPECT_EQ(EIO, errno);
+    out = orvo_test::captureOutput([&] {
+        int second = open(kNode, O_RDWR);
+        close(second);
+    });
+    EXPECT_EQ("", out.err) << "read once per session";
+    close(fd);
+}
+
+}  // namespace

@@ -1,0 +1,162 @@
+// The emulated capture device of one session: format, frame interval, buffer queue and pacing.
+#pragma once
+
+#include <linux/videodev2.h>
+#include <sys/types.h>
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "faults.h"
+#include "frame_source.h"
+#include "truth.h"
+#include "vcam.h"
+
+namespace orvo {
+namespace vcam {
+
+// One open file description of the node.
+struct OpenFile {
+    uint64_t id = 0;
+    int fd = -1;
+};
+
+// Readiness of the node for poll/select.
+enum class Readiness { Ready, NotYet, Error };
+
+class Device {
+public:
+    // fps < 0: pace at the S_PARM rate; 0: free-running; > 0: pace at fps.
+    Device(double fps, std::unique_ptr<FrameSource> source, FaultPlan faults, TruthWriter truth,
+           std::condition_variable& wake);
+    ~Device();
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    bool init(std::string* error);
+    int memfd() const { return memfd_; }
+    bool backs(int fd) const;  // fd is an open file of this device's memory
+
+    // Handles one request of a file; returns 0 or a negative errno. A blocking dequeue waits on
+    // the wake condition with the lock released.
+    int request(const OpenFile& file, unsigned long code, void* arg, std::unique_lock<std::mutex>& lock);
+
+    int countOpen();    // the errno this open of the node fails with, or 0
+    int countClose();   // the errno this close reports, or 0
+    int countMeminfo(bool* hide_memfree);  // the errno fopen fails with, or 0
+    void release(uint64_t file_id);        // the file was closed
+
+    Readiness readiness();
+    // Monotonic time in ns at which readiness may change without any request, or -1 for never.
+    int64_t nextChangeNs() const;
+
+    Statistics stats() const;
+
+private:
+    struct Buffer {
+        enum class State { Dequeued, Queued, Done };
+        State state = State::Dequeued;
+        uint32_t offset = 0;  // the m.offset cookie: where the buffer lies in the memfd
+        uint32_t bytesused = 0;
+        uint32_t sequence = 0;
+        int64_t timestamp_ns = 0;
+        bool mapped = false;  // a client mapping was seen at the last look
+        FrameTruth truth;
+    };
+
+    // First-in first-out list of buffer indices.
+    class IndexFifo {
+    public:
+        void clear() { head_ = size_ = 0; }
+        bool empty() const { return size_ == 0; }
+        void push(uint32_t i) { slots_[(head_ + size_++) % slots_.size()] = i; }
+        uint32_t pop() {
+            uint32_t i = slots_[head_];
+            head_ = (head_ + 1) % slots_.size();
+            --size_;
+            return i;
+        }
+
+    private:
+        std::array<uint32_t, VIDEO_MAX_FRAME> slots_{};
+        size_t head_ = 0, size_ = 0;
+    };
+
+    int querycap(v4l2_capability& cap, uint64_t call);
+    int cropcap(v4l2_cropcap& cc);
+    int crop(v4l2_crop& c, bool set);
+    int setFormat(const OpenFile& file, v4l2_format& f);
+    int getFormat(v4l2_format& f, bool try_only);
+    int enumFormat(v4l2_fmtdesc& d);
+    int enumFrameSizes(v4l2_frmsizeenum& e);
+    int enumFrameIntervals(v4l2_frmivalenum& e);
+    int getParm(v4l2_streamparm& p);
+    int setParm(const OpenFile& file, v4l2_streamparm& p);
+    int enumInput(v4l2_input& in);
+    int setInput(const OpenFile& file, int input);
+    int reqbufs(const OpenFile& file, v4l2_requestbuffers& rb, uint64_t call);
+    int querybuf(v4l2_buffer& b, uint64_t call);
+    int qbuf(const OpenFile& file, v4l2_buffer& b);
+    int dqbuf(const OpenFile& file, v4l2_buffer& b, std::unique_lock<std::mutex>& lock);
+    int streamon(const OpenFile& file, int type);
+    int streamoff(const OpenFile& file, int type);
+
+    bool busy(const OpenFile& file) const { return owner_ != 0 && owner_ != file.id; }
+    void claim(const OpenFile& file) {
+        if (owner_ == 0) owner_ = file.id;
+    }
+    int allocate(uint32_t count);
+    void freeBuffers(bool release_pages);
+    void refreshMapped();
+    void start();
+    void stop();
+    bool freeRunning() const { return fps_ == 0; }
+    int64_t dueNs(uint64_t k) const;
+    void advance(int64_t now_ns);
+    void skipDueFrames(int64_t now_ns);
+    void fill(uint32_t i, uint64_t index, uint32_t sequence, int64_t timestamp_ns);
+    void describe(uint32_t i, v4l2_buffer& b) const;
+    void serve(uint32_t i, v4l2_buffer& b);
+
+    double fps_;
+    std::unique_ptr<FrameSource> source_;
+    FaultPlan faults_;
+    TruthWriter truth_;
+    std::condition_variable& wake_;
+
+    int memfd_ = -1;
+    dev_t memfd_dev_ = 0;
+    ino_t memfd_ino_ = 0;
+    uint64_t memfd_size_ = 0;
+    uint64_t next_offset_ = 0;
+    uint8_t* region_ = nullptr;  // our own read-write mapping of the current buffers
+    uint32_t region_offset_ = 0;
+    size_t region_length_ = 0;
+
+    std::vector<Buffer> buffers_;
+    IndexFifo queued_, done_;
+    uint64_t owner_ = 0;
+    v4l2_fract interval_{1, 30};
+
+    bool streaming_ = false;
+    int64_t stream_start_ns_ = 0;
+    double period_ns_ = 0;   // paced: time between frames
+    double stream_rate_ = 30;  // frames per second of the source's timeline
+    uint64_t next_k_ = 0;      // frames of this stream whose time has been dealt with
+    uint64_t index_base_ = 0;  // source index of this stream's first frame (paced)
+
+    uint64_t ioctl_calls_ = 0;
+    std::vector<uint64_t> request_calls_;
+    uint64_t open_calls_ = 0, close_calls_ = 0, meminfo_calls_ = 0, dequeues_ = 0;
+    uint64_t served_ = 0, dropped_ = 0;
+};
+
+int64_t monotonicNs();
+
+}  // namespace vcam
+}  // namespace orvo

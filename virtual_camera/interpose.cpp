@@ -1,0 +1,126 @@
+// The C library entry points the virtual camera stands in front of; everything not about its node
+// goes straight through.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/select.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "node.h"
+#include "real_calls.h"
+
+using namespace orvo::vcam;
+
+namespace {
+
+bool needsMode(int flags) { return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE; }
+
+}  // namespace
+
+#define ORVO_MODE_ARG(flags)         \
+    mode_t mode = 0;                 \
+    if (needsMode(flags)) {          \
+        va_list ap;                  \
+        va_start(ap, flags);         \
+        mode = mode_t(va_arg(ap, int)); \
+        va_end(ap);                  \
+    }
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    ORVO_MODE_ARG(flags);
+    int fd;
+    if (node::interceptOpen(AT_FDCWD, path, flags, &fd)) return fd;
+    return real::open(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+    ORVO_MODE_ARG(flags);
+    int fd;
+    if (node::interceptOpen(AT_FDCWD, path, flags, &fd)) return fd;
+    return real::open64(path, flags, mode);
+}
+
+int openat(int dirfd, const char* path, int flags, ...) {
+    ORVO_MODE_ARG(flags);
+    int fd;
+    if (node::interceptOpen(dirfd, path, flags, &fd)) return fd;
+    return real::openat(dirfd, path, flags, mode);
+}
+
+int openat64(int dirfd, const char* path, int flags, ...) {
+    ORVO_MODE_ARG(flags);
+    int fd;
+    if (node::interceptOpen(dirfd, path, flags, &fd)) return fd;
+    return real::openat64(dirfd, path, flags, mode);
+}
+
+int __open_2(const char* path, int flags) {
+    int fd;
+    if (node::interceptOpen(AT_FDCWD, path, flags, &fd)) return fd;
+    return real::open_2(path, flags);
+}
+
+int __open64_2(const char* path, int flags) {
+    int fd;
+    if (node::interceptOpen(AT_FDCWD, path, flags, &fd)) return fd;
+    return real::open64_2(path, flags);
+}
+
+int __openat_2(int dirfd, const char* path, int flags) {
+    int fd;
+    if (node::interceptOpen(dirfd, path, flags, &fd)) return fd;
+    return real::openat_2(dirfd, path, flags);
+}
+
+int __openat64_2(int dirfd, const char* path, int flags) {
+    int fd;
+    if (node::interceptOpen(dirfd, path, flags, &fd)) return fd;
+    return real::openat64_2(dirfd, path, flags);
+}
+
+int close(int fd) {
+    int r;
+    if (node::interceptClose(fd, &r)) return r;
+    return real::close(fd);
+}
+
+int ioctl(int fd, unsigned long request, ...) __THROW {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    int r;
+    if (node::interceptIoctl(fd, request, arg, &r)) return r;
+    return real::ioctl(fd, request, arg);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+    FILE* f;
+    if (node::interceptFopen(path, &f)) return f;
+    return real::fopen(path, mode);
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+    FILE* f;
+    if (node::interceptFopen(path, &f)) return f;
+    return real::fopen64(path, mode);
+}
+
+int poll(struct pollfd* fds, nfds_t nfds, int timeout) {
+    int r;
+    if (node::interceptPoll(fds, nfds, timeout, &r)) return r;
+    return real::poll(fds, nfds, timeout);
+}
+
+int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout) {
+    int r;
+    if (node::interceptSelect(nfds, readfds, writefds, exceptfds, timeout, &r)) return r;
+    return real::select(nfds, readfds, writefds, exceptfds, timeout);
+}
+
+}  // extern "C"

@@ -1,0 +1,57 @@
+// Writes the ground-truth lines and computes the frame hash they carry.
+#include "truth.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "real_calls.h"
+#include "vcam.h"
+
+namespace orvo {
+namespace vcam {
+
+// 64-bit FNV-1a of the bytes: simple enough for any test to recompute.
+uint64_t frameHash(const void* data, size_t length) {
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (size_t i = 0; i < length; ++i) {
+        h ^= p[i];
+        h *= 0x100000001b3ull;
+    }
+    return h;
+}
+
+// Opens the file for appending; false with a message when it cannot be.
+bool TruthWriter::open(const std::string& path, std::string* error) {
+    file_.reset(real::fopen(path.c_str(), "a"));
+    if (!file_) {
+        *error = "ORVO_VCAM_TRUTH: cannot open '" + path + "' for appending: " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// One line per frame; flushed at once so that a reader sees every frame already served.
+void TruthWriter::write(const FrameTruth& t, uint32_t bytesused, uint64_t hash, int64_t timestamp_us) {
+    FILE* f = file_.get();
+    if (!f) return;
+    std::fprintf(f, "index=%llu sequence=%u time=%.17g timestamp=%lld.%06lld ticks=%u bytes=%u hash=%016llx imu=%zu",
+                 static_cast<unsigned long long>(t.index), t.sequence, t.time_s,
+                 static_cast<long long>(timestamp_us / 1000000), static_cast<long long>(timestamp_us % 1000000),
+                 t.frame_ticks, bytesused, static_cast<unsigned long long>(hash), t.imu.size());
+    for (size_t i = 0; i < t.imu.size(); ++i) {
+        const ImuTruthSample& s = t.imu[i];
+        std::fprintf(f, " imu%zu=%u:%.17g,%.17g,%.17g:%.17g,%.17g,%.17g:%d,%d,%d:%d,%d,%d", i, s.ticks,
+                     s.gyro_rad_s[0], s.gyro_rad_s[1], s.gyro_rad_s[2], s.accel_g[0], s.accel_g[1], s.accel_g[2],
+                     s.gyro_raw[0], s.gyro_raw[1], s.gyro_raw[2], s.accel_raw[0], s.accel_raw[1], s.accel_raw[2]);
+    }
+    if (t.has_attitude)
+        std::fprintf(f, " attitude=%.17g,%.17g,%.17g,%.17g", t.attitude[0], t.attitude[1], t.attitude[2],
+                     t.attitude[3]);
+    if (!t.extra.empty()) std::fprintf(f, " %s", t.extra.c_str());
+    std::fputc('\n', f);
+    std::fflush(f);
+}
+
+}  // namespace vcam
+}  // namespace orvo

@@ -16,12 +16,15 @@
 #include <string>
 #include <vector>
 
+#include "OrvoCamera.h"
 #include "StereoCamera.h"
 #include "run_capture.h"
 
 namespace {
 
 const char* kNode = "/dev/video-virtual-attitude";
+const std::string kStart = "Wait for the IMU calibration to finish\n";
+const std::string kFinish = "IMU calibration finish!\n";
 constexpr size_t kFrameBytes = 752 * 480 * 2;
 
 // Fresh engine on the virtual camera with the given frame source and faults.
@@ -200,6 +203,40 @@ TEST_F(Attitude, ZeroAccelerationPoisonsTheQuaternion) {
     EXPECT_EQ(engine_->quaternion[0], 1.0f);
 }
 
+TEST(AttitudeFacade, ImuRectPassesRatesThenAccelerationAndSetImuCorrectionItsFive) {
+    setenv("ORVO_VCAM_DEVICE", kNode, 1);
+    setenv("ORVO_VCAM_SOURCE", "pattern", 1);
+    setenv("ORVO_VCAM_FPS", "0", 1);
+    unsetenv("ORVO_VCAM_FAULTS");
+    OrvoCameraParameterList list;
+    list.device_path = kNode;
+    std::unique_ptr<OrvoCamera> cam;
+    orvo_test::captureOutput([&] { cam.reset(new OrvoCamera(list)); });
+    ReferenceFilter ref;
+    std::mt19937 rng(77);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    for (int i = 0; i < 520; ++i) {
+        ImuData sample{uint32_t(i), u(rng), u(rng), 1.0f + u(rng), u(rng), u(rng), u(rng)};
+        const float gyro[3] = {sample.gyro_x, sample.gyro_y, sample.gyro_z};
+        const float accel[3] = {sample.accel_x, sample.accel_y, sample.accel_z};
+        float got[4], want[4];
+        cam->ImuRect(sample, 0.004f, got);
+        ref.step(gyro, accel, 0.004f, want);
+        ASSERT_TRUE(sameBits(got, want, 4)) << "step " << i + 1;
+        ASSERT_TRUE(sameBits(camera_->quaternion, ref.q, 4)) << "step " << i + 1;
+    }
+    // The 100-frame bias measurement on the pattern source, with the settings stored in order.
+    const auto out = orvo_test::captureOutput([&] { cam->setImuCorrection(-1.5f, 2.5f, 0.125f, -0.25f, 0.5f); });
+    EXPECT_EQ(out.out.substr(0, kStart.size()), kStart);
+    EXPECT_EQ(out.out.substr(out.out.size() - kFinish.size()), kFinish);
+    EXPECT_EQ(camera_->gyro_deadband_low, -1.5f);
+    EXPECT_EQ(camera_->gyro_deadband_high, 2.5f);
+    EXPECT_EQ(camera_->accel_offset[0], 0.125f);
+    EXPECT_EQ(camera_->accel_offset[1], -0.25f);
+    EXPECT_EQ(camera_->accel_offset[2], 0.5f);
+    orvo_test::captureOutput([&] { cam.reset(); });
+}
+
 // ---- gyro bias measurement ----------------------------------------------------------------
 
 struct Record {
@@ -249,8 +286,6 @@ private:
     std::string path_;
 };
 
-const std::string kStart = "Wait for the IMU calibration to finish\n";
-const std::string kFinish = "IMU calibration finish!\n";
 
 TEST(ImuInit, BiasIsTheTruncatedMeanOfEveryRecord) {
     // One frame looped 100 times: x +3 and -4 (mean -0.5 -> 0), y +7 and -2 (2.5 -> 2),
@@ -259,14 +294,14 @@ TEST(ImuInit, BiasIsTheTruncatedMeanOfEveryRecord) {
     auto engine = makeEngine(file.source());
     engine->quaternion[1] = 0.5f;
     engine->solution_count = 42;
-    const auto cap = orvo_test::captureOutput([&] { engine->imu_init(-0.5f, 0.5f, 0.01f, -0.02f, 0.03f); });
+    const auto cap = orvo_test::captureOutput([&] { engine->imu_init(-0.2f, 0.2f, 0.01f, -0.02f, 0.03f); });
     EXPECT_EQ(cap.out, kStart + kFinish);
     EXPECT_EQ(cap.err, "");
     EXPECT_EQ(engine->gyro_bias[0], 0);
     EXPECT_EQ(engine->gyro_bias[1], 2);
     EXPECT_EQ(engine->gyro_bias[2], -2);
-    EXPECT_EQ(engine->gyro_deadband_low, -0.5f);
-    EXPECT_EQ(engine->gyro_deadband_high, 0.5f);
+    EXPECT_EQ(engine->gyro_deadband_low, -0.2f);
+    EXPECT_EQ(engine->gyro_deadband_high, 0.2f);
     EXPECT_EQ(engine->accel_offset[0], 0.01f);
     EXPECT_EQ(engine->accel_offset[1], -0.02f);
     EXPECT_EQ(engine->accel_offset[2], 0.03f);
@@ -280,9 +315,10 @@ TEST(ImuInit, BiasIsTheTruncatedMeanOfEveryRecord) {
     unsigned int t = 0;
     engine->update_cam_imu(a, b, imu, t);
     ASSERT_EQ(imu.size(), 2u);
+    EXPECT_EQ(imu[0].gyro_x, 0.0f);  // 3 / 16.4 = 0.18 deg/s lies inside the dead band
     EXPECT_EQ(imu[0].gyro_y, float(double(float(7 - 2) / 16.4f) / 57.3));
-    EXPECT_EQ(imu[0].gyro_x, float(double(float(3) / 16.4f) / 57.3));
-    EXPECT_EQ(imu[1].gyro_z, 0.0f);  // (2 - -2) / 16.4 = 0.24 deg/s is inside the dead band
+    EXPECT_EQ(imu[1].gyro_x, float(double(float(-4) / 16.4f) / 57.3));
+    EXPECT_EQ(imu[1].gyro_z, float(double(float(2 - -2) / 16.4f) / 57.3));
     EXPECT_EQ(imu[0].accel_z, std::fmaf(8192.0f, 0.0001220703125f, 0.03f));
 }
 

@@ -14,6 +14,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "OrvoCamera.h"
 #include "StereoCamera.h"
 #include "run_capture.h"
 
@@ -550,6 +551,81 @@ TEST_F(Depth, DisprateMatIsAPlaceholder) {
     EXPECT_EQ(value, 4.5f);
     EXPECT_EQ(cv::countNonZero(m != 2.5f), 0);
     EXPECT_TRUE(engine_->getDisprateMat(m, nullptr));
+}
+
+// A textured rectified pair: a wall at 20 px of disparity with a nearer box at 48 px.
+void texturedPair(cv::Mat& left, cv::Mat& right) {
+    cv::Mat noise(480, 752 + 64, CV_8U);
+    cv::RNG rng(4242);
+    rng.fill(noise, cv::RNG::UNIFORM, 0, 256);
+    cv::GaussianBlur(noise, noise, cv::Size(5, 5), 1.2);
+    left = noise(cv::Rect(0, 0, 752, 480)).clone();
+    right.create(480, 752, CV_8U);
+    for (int r = 0; r < 480; ++r)
+        for (int c = 0; c < 752; ++c) {
+            const int d = (r > 120 && r < 330 && c > 300 && c < 460) ? 48 : 20;
+            right.at<uint8_t>(r, c) = noise.at<uint8_t>(r, std::min(c + d, 752 + 63));
+        }
+}
+
+TEST(DepthFacade, OperationsRunTheirMatcherAndTheEngine) {
+    setenv("ORVO_VCAM_DEVICE", "/dev/video-virtual-depth-facade", 1);
+    setenv("ORVO_VCAM_SOURCE", "pattern", 1);
+    setenv("ORVO_VCAM_FPS", "0", 1);
+    OrvoCameraParameterList list;
+    list.device_path = "/dev/video-virtual-depth-facade";
+    std::unique_ptr<OrvoCamera> cam;
+    orvo_test::captureOutput([&] { cam.reset(new OrvoCamera(list)); });
+    texturedPair(cam->rect_image_1, cam->rect_image_2);
+    const double cx = 371.25, cy = 243.5, fx = 430.0, b = 0.11999999731779099;
+    camera_->cx = cx;
+    camera_->cy = cy;
+    camera_->fx = fx;
+    camera_->baseline = b;
+
+    // getNearestPoint: the block matcher's disparity in pixels, every bin reset, then the search.
+    winpar region{1.0, 0.8, 5.0, 0.0};
+    std::vector<nerapot> bins = freshBins();
+    for (int i = 0; i < 360; i += 2) bins[size_t(i)].min_depth = 0.01;  // stale, must be reset
+    cam->buckets[0] = classfic{1, 1, 0.001, 50};  // a stale cluster that must be overwritten
+    cv::Point3d nearest;
+    cam->getNearestPoint(region, bins.data(), nearest);
+
+    cv::Mat raw, disp;
+    bm_->compute(cam->rect_image_1, cam->rect_image_2, raw);
+    raw.convertTo(disp, CV_32F, 1.0 / 16);
+    ASSERT_EQ(cam->disparity.type(), CV_32FC1);
+    EXPECT_EQ(cv::norm(cam->disparity, disp, cv::NORM_INF), 0.0);
+    std::vector<nerapot> want = freshBins();
+    referenceCloud(disp, want.data(), region, cx, cy, fx, b);
+    EXPECT_TRUE(sameBits(bins, want)) << firstDifference(bins, want);
+    std::vector<classfic> clusters(360);
+    int last = -1;
+    camera_->getNoiseFilter(want.data(), clusters.data(), last);
+    EXPECT_EQ(cam->bucket_count, last);
+    EXPECT_EQ(nearest, camera_->getPointMin(clusters.data(), last));
+    // The box at 48 px lies at 0.12 * 430 / 48 = 1.075.
+    EXPECT_NEAR(nearest.z, b * fx / 48, 0.03);
+
+    // getDisparity: the semi-global matcher's raw fixed-point output.
+    cv::Mat sg, want_sg;
+    cam->getDisparity(sg);
+    sgbm_->compute(cam->rect_image_1, cam->rect_image_2, want_sg);
+    ASSERT_EQ(sg.type(), CV_16SC1);
+    EXPECT_EQ(cv::norm(sg, want_sg, cv::NORM_INF), 0.0);
+
+    // getPointImage: the engine's plot.
+    cv::Mat plot = cv::Mat::zeros(1000, 1000, CV_8UC3), want_plot = plot.clone();
+    cam->getPointImage(bins.data(), nearest, plot);
+    camera_->draw_point_image(bins.data(), nearest, want_plot);
+    EXPECT_EQ(cv::norm(plot, want_plot, cv::NORM_INF), 0.0);
+    EXPECT_GT(cv::countNonZero(plot.reshape(1)), 100);
+
+    // Without bins the search is refused with a message.
+    const auto out = orvo_test::captureOutput([&] { cam->getNearestPoint(region, nullptr, nearest); });
+    EXPECT_EQ(out.err, "getNearestPoint: no bins given\n");
+    EXPECT_EQ(nearest, cv::Point3d(0, 0, kEmpty));
+    orvo_test::captureOutput([&] { cam.reset(); });
 }
 
 }  // namespace

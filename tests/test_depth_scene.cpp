@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -23,6 +24,19 @@ namespace {
 
 constexpr double kEmpty = std::numeric_limits<double>::max();
 const char* kNode = "/dev/video-virtual-depth-scene";
+
+// The engine takes its focal length from the unrectified left camera matrix while the disparity
+// is measured in the rectified images, so every depth it reports is the true one scaled by the
+// ratio of the two focal lengths (430 / 401.3 for the default scene). This is the depth the search
+// should report for a true depth z.
+double reportedDepth(double z, const StereoCamera& engine) {
+    cv::FileStorage fs(std::string(ORVO_SOURCE_DIR) + "/data/default_scene/extrinsics.yml",
+                       cv::FileStorage::READ);
+    cv::Mat p1;
+    fs["P1"] >> p1;
+    if (p1.empty()) return std::nan("");
+    return z * engine.fx / p1.at<double>(0, 0);
+}
 
 // The value of `key=` on the last line of the truth file, or NaN.
 double lastTruthValue(const std::string& path, const std::string& key) {
@@ -90,7 +104,8 @@ TEST(DepthScene, NearestPointIsTheObstacleAndThePlotShowsIt) {
     cv::Point3d nearest;
     winpar search = region;
     run.camera->getNearestPoint(search, bins.data(), nearest);
-    EXPECT_NEAR(nearest.z, truth, 0.03 * truth);
+    const double expected = reportedDepth(truth, *camera_);
+    EXPECT_NEAR(nearest.z, expected, 0.03 * expected) << "true depth " << truth;
     // The obstacle's front face spans x -0.1 .. 0.3 and rises 0.3 above the axis.
     EXPECT_GT(nearest.x, -0.15);
     EXPECT_LT(nearest.x, 0.35);
@@ -100,13 +115,18 @@ TEST(DepthScene, NearestPointIsTheObstacleAndThePlotShowsIt) {
     // The obstacle's bearings are filled at about its depth, and one cluster of at least four
     // bins holds the answer.
     int obstacle_bins = 0, near_obstacle = 0;
+    std::vector<double> depths;
     for (int b = 0; b < 360; ++b) {
         if (!obstacleBin(b)) continue;
         ++obstacle_bins;
-        near_obstacle += bins[size_t(b)].min_depth != kEmpty &&
-                         std::fabs(bins[size_t(b)].z - truth) < 0.1 * truth;
+        if (bins[size_t(b)].min_depth == kEmpty) continue;
+        near_obstacle += std::fabs(bins[size_t(b)].z - expected) < 0.03 * expected;
+        depths.push_back(bins[size_t(b)].z);
     }
     EXPECT_GE(near_obstacle, obstacle_bins * 3 / 4) << near_obstacle << " of " << obstacle_bins;
+    ASSERT_FALSE(depths.empty());
+    std::nth_element(depths.begin(), depths.begin() + long(depths.size() / 2), depths.end());
+    EXPECT_NEAR(depths[depths.size() / 2], expected, 0.015 * expected);
     bool found = false;
     for (int i = 0; i <= run.camera->bucket_count; ++i) {
         const classfic& c = run.camera->buckets[i];
@@ -142,7 +162,8 @@ TEST(DepthScene, TiltedRegionStillFindsTheObstacle) {
     cv::Point3d nearest;
     winpar search = region;
     run.camera->getNearestPoint(search, bins.data(), nearest);
-    EXPECT_NEAR(nearest.z, truth, 0.03 * truth);
+    const double expected = reportedDepth(truth, *camera_);
+    EXPECT_NEAR(nearest.z, expected, 0.03 * expected) << "true depth " << truth;
 }
 
 }  // namespace

@@ -183,8 +183,8 @@ std::vector<BoardPose> standardPoses(const BoardSpec& board) {
         {0.15, -0.08, 0.65, 15, -20, -5},   {-0.15, 0.08, 0.65, -15, 20, 8},
         {0.15, 0.08, 0.65, -15, -20, -8},   {0.00, 0.00, 0.90, 25, 0, 0},
         {0.00, 0.00, 0.90, -25, 0, 10},     {0.05, 0.00, 0.50, 0, 30, 0},
-        {-0.05, 0.00, 0.50, 0, -30, -10},   {0.20, 0.10, 1.00, 10, -15, 15},
-        {-0.20, -0.10, 1.00, -10, 15, -15}, {0.00, 0.05, 0.45, 20, 10, 3},
+        {-0.05, 0.00, 0.50, 0, -30, -10},   {0.15, 0.08, 0.85, 10, -15, 15},
+        {-0.15, -0.08, 0.85, -10, 15, -15}, {0.00, 0.05, 0.45, 20, 10, 3},
     };
     std::vector<BoardPose> out;
     for (const P& p : poses)
@@ -193,7 +193,23 @@ std::vector<BoardPose> standardPoses(const BoardSpec& board) {
 }
 
 BoardPose farPose(const BoardSpec& board) {
-    return boardPoseAt(board, cv::Vec3d(0.06, 0.0, 2.6), 0, 0, 0);
+    return boardPoseAt(board, cv::Vec3d(0.06, 0.0, 4.4), 0, 0, 0);
+}
+
+std::vector<std::string> CalibrationSet::pairs(const std::vector<int>& indices) const {
+    std::vector<std::string> out;
+    for (int i : indices) {
+        out.push_back(list[2 * size_t(i)]);
+        out.push_back(list[2 * size_t(i) + 1]);
+    }
+    return out;
+}
+
+std::vector<std::string> CalibrationSet::listWithout(int pair) const {
+    std::vector<int> keep;
+    for (int i = 0; i < int(poses.size()); ++i)
+        if (i != pair) keep.push_back(i);
+    return pairs(keep);
 }
 
 bool writeCalibrationSet(const ChessboardRenderer& renderer, const std::string& directory,

@@ -14,7 +14,7 @@ namespace vcam {
 
 struct BoardSpec {
     cv::Size inner{9, 6};     // inner corners per row (width) and per column (height)
-    double square = 0.03;     // side of one square, metres
+    double square = 0.05;     // side of one square, metres
     double margin = 1.0;      // light border around the squares, in squares
     double dark = 30.0;       // grey levels
     double light = 220.0;
@@ -71,9 +71,16 @@ struct CalibrationSet {
     int missing_right_pair = -1;    // right image not written
     int other_size_pair = -1;       // right image of another size
     std::string list_file;          // the list, one name per line
+
+    // The list entries of the given pairs, in the given order.
+    std::vector<std::string> pairs(const std::vector<int>& indices) const;
+    // The whole list without one pair.
+    std::vector<std::string> listWithout(int pair) const;
 };
 
-// Twelve varied poses whose boards fill a good part of both views, and the far pose.
+// Twelve varied poses whose boards fill a good part of both views (squares of 16 px and more,
+// so that refinement windows of 11 px stay on their own corner), and the far pose, whose squares
+// are too small for the detector on the image as it is but not on the image enlarged twice.
 std::vector<BoardPose> standardPoses(const BoardSpec& board);
 BoardPose farPose(const BoardSpec& board);
 

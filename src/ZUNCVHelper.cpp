@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <iostream>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -43,6 +44,15 @@ void append(std::vector<cv::Mat>& out, std::initializer_list<cv::Mat> mats) {
 bool hasEntries(const std::vector<cv::Mat>& list, size_t count, std::initializer_list<size_t> needed) {
     if (list.size() != count) return false;
     return std::all_of(needed.begin(), needed.end(), [&](size_t i) { return !list[i].empty(); });
+}
+
+// Maps are built into fresh matrices and then assigned, so that an output the caller shares with
+// something else is released, never written through.
+using MapPair = std::pair<cv::Mat, cv::Mat>;
+
+void assignMaps(const MapPair& maps, cv::Mat& first, cv::Mat& second) {
+    first = maps.first;
+    second = maps.second;
 }
 
 bool isProjection(const cv::Mat& p) { return p.rows == 3 && p.cols == 4 && p.type() == CV_64FC1; }
@@ -165,8 +175,11 @@ bool get_remap_mat(std::string intrinsics_path, std::string extrinsics_path, cv:
     cv::Mat r1, r2, p1, p2, q;
     cv::stereoRectify(m1, d1, m2, d2, size, r, t, r1, r2, p1, p2, q, cv::CALIB_ZERO_DISPARITY, 0.0,
                       cv::Size(0, 0), nullptr, nullptr);
-    cv::initUndistortRectifyMap(m1, d1, r1, p1, size, CV_16SC2, map_1, map_2);
-    cv::initUndistortRectifyMap(m2, d2, r2, p2, size, CV_16SC2, map_3, map_4);
+    MapPair left, right;
+    cv::initUndistortRectifyMap(m1, d1, r1, p1, size, CV_16SC2, left.first, left.second);
+    cv::initUndistortRectifyMap(m2, d2, r2, p2, size, CV_16SC2, right.first, right.second);
+    assignMaps(left, map_1, map_2);
+    assignMaps(right, map_3, map_4);
     return true;
 }
 
@@ -183,8 +196,13 @@ bool get_remap_mat_fisheye_file(const std::string& path, const cv::Size& size, c
 
     camera_matrix = l[0];
     projection_2 = l[7];
-    cv::fisheye::initUndistortRectifyMap(l[0], l[2], l[4], l[6], size, CV_16SC2, map_1, map_2);
-    cv::fisheye::initUndistortRectifyMap(l[1], l[3], l[5], l[7], size, CV_16SC2, map_3, map_4);
+    MapPair left, right;
+    cv::fisheye::initUndistortRectifyMap(l[0], l[2], l[4], l[6], size, CV_16SC2, left.first,
+                                         left.second);
+    cv::fisheye::initUndistortRectifyMap(l[1], l[3], l[5], l[7], size, CV_16SC2, right.first,
+                                         right.second);
+    assignMaps(left, map_1, map_2);
+    assignMaps(right, map_3, map_4);
     return true;
 }
 
@@ -196,7 +214,10 @@ bool get_monoRemap_mat(std::string path, cv::Size size, cv::Mat& map_1, cv::Mat&
     if (!readYML(path, ZUNCV_MONO, l) || !hasEntries(l, kMonoCount, {0, 1})) return false;
 
     cv::Mat new_k = cv::getOptimalNewCameraMatrix(l[0], l[1], size, 1.0, size, nullptr, false);
-    cv::initUndistortRectifyMap(l[0], l[1], cv::Mat(), new_k, size, CV_16SC2, map_1, map_2);
+    MapPair maps;
+    cv::initUndistortRectifyMap(l[0], l[1], cv::Mat(), new_k, size, CV_16SC2, maps.first,
+                                maps.second);
+    assignMaps(maps, map_1, map_2);
     return true;
 }
 

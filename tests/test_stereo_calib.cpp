@@ -38,11 +38,14 @@ Captured calibrate(const std::string& cwd, const std::vector<std::string>& list,
     });
 }
 
-std::string workDir(bool with_params) {
-    const std::string dir = orvo_test::makeTempDir("calib");
-    if (with_params) mkdir((dir + "/params").c_str(), 0755);
-    return dir;
-}
+// A scratch working directory, with or without the "params" directory the files go to.
+struct WorkDir {
+    orvo_test::ScratchDir scratch;
+    std::string path;
+    explicit WorkDir(bool with_params) : path(scratch.path()) {
+        if (with_params) mkdir((path + "/params").c_str(), 0755);
+    }
+};
 
 std::string lines(const std::vector<std::string>& names) {
     std::string s;
@@ -146,7 +149,8 @@ TEST(ChessboardRenderer, ViewsMatchTheRigAndTheSetHasItsSpecialPairs) {
 TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
     const auto& rs = renderedSet();
     const auto& set = rs.set;
-    const std::string dir = workDir(true);
+    const WorkDir work(true);
+    const std::string& dir = work.path;
     const auto list = set.listWithout(set.far_pair);
     const Captured c = calibrate(dir, list, true, false);
 
@@ -221,7 +225,8 @@ TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
     // as it does through the true rig's own files.
     const auto pose = orvo::vcam::boardPoseAt(rs.board, cv::Vec3d(0.04, -0.03, 0.75), 12, -18, 6);
     EXPECT_LE(rowErrorThroughFiles(intrinsics, extrinsics, pose), 0.5);
-    const std::string truth_dir = workDir(false);
+    const WorkDir truth_work(false);
+    const std::string& truth_dir = truth_work.path;
     ASSERT_TRUE(rs.rig.writeStereo(truth_dir + "/intrinsics.yml", truth_dir + "/extrinsics.yml"));
     EXPECT_LE(rowErrorThroughFiles(truth_dir + "/intrinsics.yml", truth_dir + "/extrinsics.yml",
                                    pose),
@@ -230,7 +235,8 @@ TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
 
 TEST(StereoCalib, ListsThatCannotBeCalibrated) {
     const auto& set = renderedSet().set;
-    const std::string dir = workDir(true);
+    const WorkDir work(true);
+    const std::string& dir = work.path;
 
     // An odd list stops before anything is loaded or shown.
     std::vector<std::string> odd = set.pairs({0, 1});
@@ -286,7 +292,8 @@ TEST(StereoCalib, ListsThatCannotBeCalibrated) {
 
 TEST(StereoCalib, WithoutParamsDirectoryBothSavesFailAndTheDisplayStillRuns) {
     const auto& set = renderedSet().set;
-    const std::string dir = workDir(false);
+    const WorkDir work(false);
+    const std::string& dir = work.path;
     const auto list = set.pairs({0, 1, 2});
     const Captured c = calibrate(dir, list, true, true);
     const Report r = maskFigures(c.out);
@@ -304,7 +311,8 @@ TEST(StereoCalib, WithoutParamsDirectoryBothSavesFailAndTheDisplayStillRuns) {
 TEST(StereoCalib, FarBoardIsFoundEnlargedAndDrawnOnTheImageGrid) {
     const auto& rs = renderedSet();
     const int far = rs.set.far_pair;
-    const std::string dir = workDir(true);
+    const WorkDir work(true);
+    const std::string& dir = work.path;
     const Captured c = calibrate(dir, rs.set.pairs({0, far}), true, false);
     EXPECT_NE(c.out.find("2 pairs have been successfully detected.\n"), std::string::npos) << c.out;
 

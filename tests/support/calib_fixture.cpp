@@ -14,12 +14,6 @@
 
 namespace orvo_test {
 
-std::string makeTempDir(const std::string& tag) {
-    std::string pattern = "/tmp/orvo-" + tag + "-XXXXXX";
-    if (!mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed for " + pattern);
-    return pattern;
-}
-
 ScopedCwd::ScopedCwd(const std::string& dir) {
     char buf[4096];
     if (!getcwd(buf, sizeof buf)) throw std::runtime_error("getcwd failed");
@@ -69,15 +63,27 @@ OrvoCamera& calibrationCamera() {
     return *camera;
 }
 
-RenderedSet::RenderedSet() : renderer(rig, board), dir(makeTempDir("chessboards")) {
+RenderedSet::RenderedSet() : renderer(rig, board), dir(scratch.path()) {
     std::string error;
     if (!orvo::vcam::writeCalibrationSet(renderer, dir, set, &error))
         throw std::runtime_error(error);
 }
 
+namespace {
+
+struct OwnedRenderedSet {
+    const pid_t owner = getpid();
+    RenderedSet* set = new RenderedSet;
+    ~OwnedRenderedSet() {
+        if (getpid() == owner) delete set;
+    }
+};
+
+}  // namespace
+
 const RenderedSet& renderedSet() {
-    static const RenderedSet set;
-    return set;
+    static const OwnedRenderedSet owned;
+    return *owned.set;
 }
 
 }  // namespace orvo_test

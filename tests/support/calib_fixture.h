@@ -7,11 +7,10 @@
 
 #include "OrvoCamera.h"
 #include "chessboard.h"
+#include "scratch_dir.h"
 
 namespace orvo_test {
 
-// A fresh directory under /tmp; throws when it cannot be made.
-std::string makeTempDir(const std::string& tag);
 // Makes `dir` the working directory for the scope of the object.
 class ScopedCwd {
 public:
@@ -35,6 +34,7 @@ void silenceOpenCvLog();
 OrvoCamera& calibrationCamera();
 
 struct RenderedSet {
+    ScratchDir scratch;
     orvo::vcam::Rig rig;
     orvo::vcam::BoardSpec board;
     orvo::vcam::ChessboardRenderer renderer;
@@ -42,7 +42,8 @@ struct RenderedSet {
     std::string dir;
     RenderedSet();
 };
-// The default rig's calibration set, rendered once per process.
+// The default rig's calibration set, rendered once per process and removed when the process
+// that rendered it ends (not when a forked child exits).
 const RenderedSet& renderedSet();
 
 }  // namespace orvo_test

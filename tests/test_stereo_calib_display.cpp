@@ -360,10 +360,12 @@ public:
             _exit(127);
         }
         close(fds[1]);
-        char buf[32] = {0};
-        ssize_t n = read(fds[0], buf, sizeof buf - 1);
+        // The server writes the number, then a newline: closing before the newline kills it.
+        std::string number;
+        char ch;
+        while (read(fds[0], &ch, 1) == 1 && ch != '\n') number += ch;
         close(fds[0]);
-        if (n > 0) name_ = ":" + std::to_string(std::atoi(buf));
+        if (!number.empty()) name_ = ":" + number;
     }
     // True once a client can connect and the server is still ours.
     bool ready() const {

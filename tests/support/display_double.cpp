@@ -41,6 +41,9 @@ namespace cv {
 
 __attribute__((visibility("default"))) void imshow(const String& winname, InputArray mat) {
     orvo_test::DisplayDouble& d = orvo_test::display();
+    // highgui refuses an empty image in the same way.
+    const Size size = mat.size();
+    CV_Assert(size.width > 0 && size.height > 0);
     d.shown.push_back({winname, mat.getMat().clone()});
     if (d.passthrough) {
         using Fn = void (*)(const String&, InputArray);

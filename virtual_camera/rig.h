@@ -22,6 +22,9 @@ struct RigSpec {
     bool fisheye = false;
 };
 
+// A plausible wide-angle fisheye pair for 752 x 480 (the defaults above describe a pinhole lens).
+RigSpec fisheyeRigSpec();
+
 // Camera frames: x right, y down, z forward. A point X_left in the left lens frame is
 // X_right = R * X_left + T in the right lens frame, T = (-baseline, 0, 0) rotated as OpenCV's
 // stereo calibration reports it.

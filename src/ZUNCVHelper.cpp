@@ -1,0 +1,263 @@
+// Calibration parameter files, the remap-table builders and the image composition helpers.
+#include "ZUNCVHelper.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <initializer_list>
+#include <iostream>
+#include <utility>
+
+#include <sys/stat.h>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace {
+
+constexpr size_t kIntrinsicsCount = 4;
+constexpr size_t kExtrinsicsCount = 6;
+constexpr size_t kMonoCount = 2;
+constexpr size_t kFisheyeCount = 8;
+
+// OpenCV logs its own line on standard error for a file it cannot open, throws for an empty name
+// and for a directory; checking first keeps the reader's single message the only output.
+bool isReadableFile(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || S_ISDIR(st.st_mode)) return false;
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) return false;
+    std::fclose(f);
+    return true;
+}
+
+cv::Mat readKey(const cv::FileStorage& fs, const char* key) {
+    cv::Mat m;
+    cv::read(fs[key], m, cv::Mat());
+    return m;
+}
+
+void append(std::vector<cv::Mat>& out, std::initializer_list<cv::Mat> mats) {
+    out.insert(out.end(), mats.begin(), mats.end());
+}
+
+// True when the list has the layout's full count and every entry the caller needs holds data.
+bool hasEntries(const std::vector<cv::Mat>& list, size_t count, std::initializer_list<size_t> needed) {
+    if (list.size() != count) return false;
+    return std::all_of(needed.begin(), needed.end(), [&](size_t i) { return !list[i].empty(); });
+}
+
+// Maps are built into fresh matrices and then assigned, so that an output the caller shares with
+// something else is released, never written through.
+using MapPair = std::pair<cv::Mat, cv::Mat>;
+
+void assignMaps(const MapPair& maps, cv::Mat& first, cv::Mat& second) {
+    first = maps.first;
+    second = maps.second;
+}
+
+bool isProjection(const cv::Mat& p) { return p.rows == 3 && p.cols == 4 && p.type() == CV_64FC1; }
+
+// Writes src into the canvas region; the target size equals the source's, so this is a copy
+// unless the depths differ, in which case resize reallocates the region and the canvas stays
+// unwritten.
+void place(const cv::Mat& src, cv::Mat& canvas, const cv::Rect& region) {
+    cv::Mat dst(canvas, region);
+    cv::resize(src, dst, dst.size(), 0, 0, cv::INTER_LINEAR);
+}
+
+cv::Mat channelMismatch() {
+    std::cerr << " mat channel different，can't combine " << std::endl;
+    return cv::Mat(0, 0, CV_8UC1);
+}
+
+}  // namespace
+
+// Loads the matrices of one calibration-file layout and appends them to `out` in the layout's
+// order (layout 2 first empties `out`). A missing key gives an empty matrix in its slot. Returns
+// false, with a message on standard error and `out` untouched, when the file cannot be opened
+// (an empty name or a directory included) or the type is unknown. A malformed file raises
+// OpenCV's exception.
+bool readYML(std::string path, zuncvFileType type, std::vector<cv::Mat>& out) {
+    cv::FileStorage fs;
+    if (!isReadableFile(path) || !fs.open(path, cv::FileStorage::READ)) {
+        std::cerr << " Read File : " << path << "Error !" << std::endl;
+        return false;
+    }
+    switch (type) {
+    case ZUNCV_INTRINSICS: {
+        cv::Mat m1 = readKey(fs, "M1");
+        cv::Mat m2 = readKey(fs, "M2");
+        cv::Mat d1 = readKey(fs, "D1");
+        cv::Mat d2 = readKey(fs, "D2");
+        append(out, {m1, d1, m2, d2});
+        break;
+    }
+    case ZUNCV_EXTRINSICS: {
+        cv::Mat r = readKey(fs, "R");
+        cv::Mat t = readKey(fs, "T");
+        cv::Mat r1 = readKey(fs, "R1");
+        cv::Mat r2 = readKey(fs, "R2");
+        cv::Mat p1 = readKey(fs, "P1");
+        cv::Mat p2 = readKey(fs, "P2");
+        append(out, {r, t, r1, r2, p1, p2});
+        break;
+    }
+    case ZUNCV_MONO: {
+        cv::Mat k = readKey(fs, "camera_matrix");
+        cv::Mat d = readKey(fs, "distortion_coefficients");
+        out.clear();  // unlike the other layouts, the list ends up holding only this file
+        append(out, {k, d});
+        break;
+    }
+    case ZUNCV_FISHEYE: {
+        cv::Mat k1 = readKey(fs, "K1");
+        std::cout << "read K1" << std::endl;
+        cv::Mat k2 = readKey(fs, "K2");
+        cv::Mat d1 = readKey(fs, "D1");
+        std::cout << "read D1" << std::endl;
+        cv::Mat d2 = readKey(fs, "D2");
+        cv::Mat r1 = readKey(fs, "R1");
+        cv::Mat r2 = readKey(fs, "R2");
+        cv::Mat p1 = readKey(fs, "P1");
+        cv::Mat p2 = readKey(fs, "P2");
+        append(out, {k1, k2, d1, d2, r1, r2, p1, p2});
+        break;
+    }
+    default:
+        std::cerr << " Read File TYPE err ! " << std::endl;
+        fs.release();
+        return false;
+    }
+    fs.release();
+    return true;
+}
+
+// Condenses an extrinsics file into [fx, fy, cx, cy, P2(0,3)] (1x5 double) from its P1 and P2.
+// Returns false, leaving `out` untouched, when the file cannot be read or P1/P2 are not 3x4
+// double matrices.
+bool getStereoCameraParameter(const std::string& path, cv::Mat& out) {
+    std::vector<cv::Mat> list;
+    if (!readYML(path, ZUNCV_EXTRINSICS, list)) return false;
+    const cv::Mat& p1 = list[4];
+    const cv::Mat& p2 = list[5];
+    if (!isProjection(p1) || !isProjection(p2)) return false;
+    cv::Mat values = cv::Mat::zeros(1, 5, CV_64FC1);
+    double* v = values.ptr<double>(0);
+    v[0] = p1.at<double>(0, 0);
+    v[1] = p1.at<double>(1, 1);
+    v[2] = p1.at<double>(0, 2);
+    v[3] = p1.at<double>(1, 2);
+    v[4] = p2.at<double>(0, 3);
+    out = values;
+    return true;
+}
+
+// Pinhole stereo maps: rectifies the intrinsics and extrinsics files' R and T afresh
+// (zero disparity, alpha 0) and builds both lenses' CV_16SC2/CV_16UC1 maps of `size`.
+// camera_matrix and projection_2 become header copies of the files' M1 and P2.
+// Returns false, leaving every output untouched, when either file cannot be read or lacks
+// M1, D1, M2, D2, R, T or P2 (the file's R1, R2 and P1 are not needed). OpenCV's exceptions for
+// matrices of the wrong shape pass through.
+bool get_remap_mat(std::string intrinsics_path, std::string extrinsics_path, cv::Size size,
+                   cv::Mat& map_1, cv::Mat& map_2, cv::Mat& map_3, cv::Mat& map_4,
+                   cv::Mat& camera_matrix, cv::Mat& projection_2) {
+    std::vector<cv::Mat> intrinsics, extrinsics;
+    const bool read_in = readYML(intrinsics_path, ZUNCV_INTRINSICS, intrinsics);
+    const bool read_ex = readYML(extrinsics_path, ZUNCV_EXTRINSICS, extrinsics);
+    if (!read_in || !read_ex || !hasEntries(intrinsics, kIntrinsicsCount, {0, 1, 2, 3}) ||
+        !hasEntries(extrinsics, kExtrinsicsCount, {0, 1, 5}))
+        return false;
+
+    camera_matrix = intrinsics[0];
+    projection_2 = extrinsics[5];
+    const cv::Mat &m1 = intrinsics[0], &d1 = intrinsics[1], &m2 = intrinsics[2], &d2 = intrinsics[3];
+    const cv::Mat &r = extrinsics[0], &t = extrinsics[1];
+    cv::Mat r1, r2, p1, p2, q;
+    cv::stereoRectify(m1, d1, m2, d2, size, r, t, r1, r2, p1, p2, q, cv::CALIB_ZERO_DISPARITY, 0.0,
+                      cv::Size(0, 0), nullptr, nullptr);
+    MapPair left, right;
+    cv::initUndistortRectifyMap(m1, d1, r1, p1, size, CV_16SC2, left.first, left.second);
+    cv::initUndistortRectifyMap(m2, d2, r2, p2, size, CV_16SC2, right.first, right.second);
+    assignMaps(left, map_1, map_2);
+    assignMaps(right, map_3, map_4);
+    return true;
+}
+
+// Fisheye stereo maps from one file whose stored rectification (R1, R2, P1, P2) is used as it
+// stands; camera_matrix and projection_2 become header copies of the file's K1 and P2.
+// Returns false, leaving every output untouched, when the file cannot be read or any of its
+// eight matrices is missing.
+bool get_remap_mat_fisheye_file(const std::string& path, const cv::Size& size, cv::Mat& map_1,
+                                cv::Mat& map_2, cv::Mat& map_3, cv::Mat& map_4,
+                                cv::Mat& camera_matrix, cv::Mat& projection_2) {
+    std::vector<cv::Mat> l;
+    if (!readYML(path, ZUNCV_FISHEYE, l) || !hasEntries(l, kFisheyeCount, {0, 1, 2, 3, 4, 5, 6, 7}))
+        return false;
+
+    camera_matrix = l[0];
+    projection_2 = l[7];
+    MapPair left, right;
+    cv::fisheye::initUndistortRectifyMap(l[0], l[2], l[4], l[6], size, CV_16SC2, left.first,
+                                         left.second);
+    cv::fisheye::initUndistortRectifyMap(l[1], l[3], l[5], l[7], size, CV_16SC2, right.first,
+                                         right.second);
+    assignMaps(left, map_1, map_2);
+    assignMaps(right, map_3, map_4);
+    return true;
+}
+
+// One-lens undistortion maps that keep the whole source field (alpha 1, black borders included).
+// Returns false, leaving the outputs untouched, when the file cannot be read or lacks either
+// matrix.
+bool get_monoRemap_mat(std::string path, cv::Size size, cv::Mat& map_1, cv::Mat& map_2) {
+    std::vector<cv::Mat> l;
+    if (!readYML(path, ZUNCV_MONO, l) || !hasEntries(l, kMonoCount, {0, 1})) return false;
+
+    cv::Mat new_k = cv::getOptimalNewCameraMatrix(l[0], l[1], size, 1.0, size, nullptr, false);
+    MapPair maps;
+    cv::initUndistortRectifyMap(l[0], l[1], cv::Mat(), new_k, size, CV_16SC2, maps.first,
+                                maps.second);
+    assignMaps(maps, map_1, map_2);
+    return true;
+}
+
+// Left and right side by side on an uncleared canvas twice the wider input; the right image
+// starts right after the left one. Differing channel counts give a message and an empty 8UC1
+// matrix; a region outside the canvas raises OpenCV's exception.
+cv::Mat combineTwoImg(const cv::Mat& left, const cv::Mat& right) {
+    if (left.channels() != right.channels()) return channelMismatch();
+    cv::Mat canvas;
+    canvas.create(std::max(left.rows, right.rows), 2 * std::max(left.cols, right.cols),
+                  left.type());
+    place(left, canvas, cv::Rect(0, 0, left.cols, left.rows));
+    place(right, canvas, cv::Rect(left.cols, 0, right.cols, right.rows));
+    return canvas;
+}
+
+// Three images stacked on an uncleared canvas three times the taller of top and middle; only
+// top and middle are checked and sized, so a bottom image that does not fit raises OpenCV's
+// exception.
+cv::Mat combineTwoImgUpDown(const cv::Mat& top, const cv::Mat& middle, const cv::Mat& bottom) {
+    if (top.channels() != middle.channels()) return channelMismatch();
+    cv::Mat canvas;
+    canvas.create(3 * std::max(top.rows, middle.rows), std::max(top.cols, middle.cols), top.type());
+    place(top, canvas, cv::Rect(0, 0, top.cols, top.rows));
+    place(middle, canvas, cv::Rect(0, top.rows, middle.cols, middle.rows));
+    place(bottom, canvas, cv::Rect(0, 2 * top.rows, bottom.cols, bottom.rows));
+    return canvas;
+}
+
+// A view (no copy) of the left or right half of a side-by-side frame; with an odd width the
+// last column belongs to neither half.
+cv::Mat splitMat(cv::Mat frame, bool left) {
+    const int half = frame.cols / 2;
+    return cv::Mat(frame, cv::Rect(left ? 0 : half, 0, half, frame.rows));
+}
+
+// Prints the channel count and depth code of a matrix on standard output; always true.
+bool printMatInfo(const cv::Mat& m) {
+    std::cout << "Mat info:" << std::endl;
+    std::cout << " channels = " << m.channels() << std::endl;
+    std::cout << " depth    = " << m.depth() << std::endl;
+    return true;
+}

@@ -1,0 +1,247 @@
+// Shared fixtures of the engine, rectification and facade suites: temp dirs, the virtual camera's
+// environment, crafted raw frames with inertial trailers and an independent trailer decoder.
+#pragma once
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+
+#include "OrvoCamera.h"
+#include "StereoCamera.h"
+#include "rig.h"
+#include "run_capture.h"
+
+namespace engine_test {
+
+// The camera's wire format, written out here independently of the library's own constants.
+constexpr int kW = 752;
+constexpr int kH = 480;
+constexpr size_t kFrameBytes = size_t(kW) * kH * 2;
+constexpr size_t kCookedBlockFromEnd = 489;  // where the facade's path finds the record block
+constexpr size_t kRawBlockFromEnd = 481;     // where the inertial-only path finds it
+constexpr size_t kRecordBytes = 24;
+
+using Frame = std::vector<uint8_t>;
+
+class TempDir {
+public:
+    TempDir() {
+        char name[] = "/tmp/orvo-engine-XXXXXX";
+        path_ = mkdtemp(name);
+    }
+    ~TempDir() { std::filesystem::remove_all(path_); }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// Points the virtual camera at a frame source (free-running, so each dequeue gets the next frame)
+// for the next camera opened in this process.
+class VirtualCamera {
+public:
+    explicit VirtualCamera(const std::string& source, const std::string& faults = "") {
+        setenv("ORVO_VCAM_DEVICE", device(), 1);
+        setenv("ORVO_VCAM_FPS", "0", 1);
+        setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
+        if (faults.empty())
+            unsetenv("ORVO_VCAM_FAULTS");
+        else
+            setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
+    }
+    ~VirtualCamera() {
+        unsetenv("ORVO_VCAM_DEVICE");
+        unsetenv("ORVO_VCAM_SOURCE");
+        unsetenv("ORVO_VCAM_FAULTS");
+        unsetenv("ORVO_VCAM_FPS");
+    }
+    static const char* device() { return "/dev/video-virtual-engine"; }
+};
+
+// A frame of random pixels and random trailer bytes whose count byte is `count`.
+inline Frame randomFrame(std::mt19937& rng, uint8_t count) {
+    Frame f(kFrameBytes);
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (auto& b : f) b = uint8_t(byte(rng));
+    f.back() = count;
+    return f;
+}
+
+inline void put16(uint8_t* p, int16_t v) {
+    p[0] = uint8_t(uint16_t(v));
+    p[1] = uint8_t(uint16_t(v) >> 8);
+}
+
+// Overwrites slot `slot` of the block lying block_from_end bytes before the frame's end.
+inline void putRecord(Frame& f, size_t block_from_end, int slot, const int16_t gyro[3],
+                      const int16_t accel[3]) {
+    uint8_t* rec = f.data() + f.size() - block_from_end + kRecordBytes * slot;
+    for (int a = 0; a < 3; ++a) put16(rec + 4 + 2 * a, gyro[a]);
+    for (int a = 0; a < 3; ++a) put16(rec + 10 + 2 * a, accel[a]);
+}
+
+inline std::string writeRaw(const TempDir& dir, const std::vector<Frame>& frames,
+                            const std::string& name = "frames.raw") {
+    std::string path = dir.file(name);
+    std::ofstream out(path, std::ios::binary);
+    for (const Frame& f : frames) out.write(reinterpret_cast<const char*>(f.data()), f.size());
+    return path;
+}
+
+inline uint32_t le32(const uint8_t* p) {
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+inline int16_t le16(const uint8_t* p) { return int16_t(uint16_t(p[0] | p[1] << 8)); }
+
+struct DecodeSettings {
+    int32_t bias[3] = {0, 0, 0};
+    float low = 0, high = 0;
+    float offset[3] = {0, 0, 0};
+};
+
+// The samples a trailer should decode to: `records` slots of the block at block_from_end.
+inline std::vector<ImuData> expectedSamples(const Frame& f, size_t block_from_end, int records,
+                                            const DecodeSettings& s = DecodeSettings()) {
+    std::vector<ImuData> out;
+    const uint8_t* block = f.data() + f.size() - block_from_end;
+    for (int i = 0; i < records; ++i) {
+        const uint8_t* rec = block + kRecordBytes * i;
+        float rate[3], accel[3];
+        for (int a = 0; a < 3; ++a) {
+            float deg_s = float(int32_t(le16(rec + 4 + 2 * a)) - s.bias[a]) / 16.4f;
+            if (s.low < deg_s && deg_s < s.high) deg_s = 0.0f;
+            rate[a] = float(double(deg_s) / 57.3);
+            accel[a] = std::fmaf(float(le16(rec + 10 + 2 * a)), 1.0f / 8192.0f, s.offset[a]);
+        }
+        out.push_back(ImuData{le32(rec), accel[0], accel[1], accel[2], rate[0], rate[1], rate[2]});
+    }
+    return out;
+}
+
+// Frame time of a trailer with `count` records in the block at block_from_end.
+inline uint32_t slotTime(const Frame& f, size_t block_from_end, int count) {
+    return le32(f.data() + f.size() - block_from_end + kRecordBytes * count);
+}
+
+// Bit-for-bit comparison (so that -0.0 and 0.0, or one unit in the last place, differ).
+inline void expectSameSamples(const std::vector<ImuData>& actual,
+                              const std::vector<ImuData>& expected, const std::string& what) {
+    ASSERT_EQ(actual.size(), expected.size()) << what;
+    for (size_t i = 0; i < actual.size(); ++i) {
+        const ImuData &a = actual[i], &e = expected[i];
+        EXPECT_EQ(0, std::memcmp(&a, &e, sizeof(ImuData)))
+            << what << " record " << i << ": time " << a.time << "/" << e.time << " accel "
+            << a.accel_x << "," << a.accel_y << "," << a.accel_z << " / " << e.accel_x << ","
+            << e.accel_y << "," << e.accel_z << " gyro " << a.gyro_x << "," << a.gyro_y << ","
+            << a.gyro_z << " / " << e.gyro_x << "," << e.gyro_y << "," << e.gyro_z;
+    }
+}
+
+// The grey image made of every second byte of the frame, from byte `first`.
+inline cv::Mat interleavedImage(const Frame& f, int first) {
+    cv::Mat img(kH, kW, CV_8UC1);
+    for (size_t i = 0; i < size_t(kW) * kH; ++i) img.data[i] = f[2 * i + first];
+    return img;
+}
+
+inline bool sameImage(const cv::Mat& a, const cv::Mat& b) {
+    return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0;
+}
+
+// An engine on the virtual camera, its start-up chatter captured.
+inline std::unique_ptr<StereoCamera> makeEngine(const std::string& intrinsics,
+                                                const std::string& extrinsics,
+                                                const std::string& fisheye,
+                                                std::string* out = nullptr) {
+    DeviceParameter p{};
+    p.video_path = VirtualCamera::device();
+    p.intrinsics_path = intrinsics;
+    p.extrinsics_path = extrinsics;
+    p.fisheye_path = fisheye;
+    p.width = kW;
+    p.height = kH;
+    std::unique_ptr<StereoCamera> engine;
+    auto c = orvo_test::captureOutput([&] { engine.reset(new StereoCamera(p)); });
+    if (out) *out = c.out;
+    return engine;
+}
+
+inline std::unique_ptr<OrvoCamera> makeFacade(const std::string& intrinsics,
+                                              const std::string& extrinsics,
+                                              const std::string& fisheye = "") {
+    OrvoCameraParameterList p;
+    p.device_path = VirtualCamera::device();
+    p.intrinsics_file = intrinsics;
+    p.extrinsics_file = extrinsics;
+    p.fisheye_file = fisheye;
+    std::unique_ptr<OrvoCamera> facade;
+    orvo_test::captureOutput([&] { facade.reset(new OrvoCamera(p)); });
+    return facade;
+}
+
+// Stereo calibration files of the default rig in dir: {intrinsics, extrinsics}.
+inline std::pair<std::string, std::string> writeStereoFiles(const TempDir& dir) {
+    orvo::vcam::Rig rig;
+    std::pair<std::string, std::string> paths{dir.file("intrinsics.yml"),
+                                              dir.file("extrinsics.yml")};
+    EXPECT_TRUE(rig.writeStereo(paths.first, paths.second));
+    return paths;
+}
+
+// A fisheye rig distinguishable from the default pinhole rig by its focal length.
+inline orvo::vcam::RigSpec fisheyeSpec() {
+    orvo::vcam::RigSpec s;
+    s.fisheye = true;
+    s.focal = 300.0;
+    s.dist_left = {0.05, -0.01, 0.002, -0.0005, 0.0};
+    s.dist_right = {0.045, -0.008, 0.001, -0.0004, 0.0};
+    return s;
+}
+
+inline std::string writeFisheyeFile(const TempDir& dir) {
+    orvo::vcam::Rig rig(fisheyeSpec());
+    std::string path = dir.file("fisheye.yml");
+    EXPECT_TRUE(rig.writeFisheye(path));
+    return path;
+}
+
+// Rewrites a calibration file's matrices through edit (which may change or erase entries).
+inline void editMatrices(const std::string& path,
+                         const std::function<void(std::map<std::string, cv::Mat>&)>& edit) {
+    std::map<std::string, cv::Mat> mats;
+    {
+        cv::FileStorage in(path, cv::FileStorage::READ);
+        ASSERT_TRUE(in.isOpened()) << path;
+        for (cv::FileNode node : in.root()) {
+            cv::Mat m;
+            node >> m;
+            mats[node.name()] = m;
+        }
+    }
+    edit(mats);
+    cv::FileStorage out(path, cv::FileStorage::WRITE);
+    for (auto& [name, m] : mats) out << name << m;
+}
+
+inline cv::Mat readMatrix(const std::string& path, const std::string& key) {
+    cv::FileStorage in(path, cv::FileStorage::READ);
+    cv::Mat m;
+    in[key] >> m;
+    return m;
+}
+
+}  // namespace engine_test

@@ -16,8 +16,8 @@ install(TARGETS Orvo_Stereo_SDK Orvo_virtual_camera
 install(FILES ${PROJECT_SOURCE_DIR}/include/OrvoCamera.h ${PROJECT_SOURCE_DIR}/include/StereoCamera.h
               ${PROJECT_SOURCE_DIR}/include/video_device.h ${PROJECT_SOURCE_DIR}/include/ZUNCVHelper.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo COMPONENT development)
-install(FILES ${PROJECT_SOURCE_DIR}/virtual_camera/frame_source.h ${PROJECT_SOURCE_DIR}/virtual_camera/rig.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo/virtual_camera COMPONENT development)
+file(GLOB ORVO_VCAM_HEADERS ${PROJECT_SOURCE_DIR}/virtual_camera/*.h)
+install(FILES ${ORVO_VCAM_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo/virtual_camera COMPONENT development)
 
 # The programs people run: whichever of them this build defines.
 foreach(tool orvo orvo_demo)

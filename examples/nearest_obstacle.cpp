@@ -20,8 +20,9 @@ int main(int argc, char** argv) {
     const int frames = argc > 4 ? std::atoi(argv[4]) : 30;
     OrvoCamera camera(params);
 
-    // The box searched, in metres: 0.6 to each side, up to 1 m above the lens axis, up to 5 m ahead.
-    winpar region{0.6, 1.0, 5.0, 0.0};
+    // The box searched, in metres: 0.5 to each side, up to 0.5 m above the lens axis, up to 3 m
+    // ahead, camera level (tilt 0).
+    winpar region{0.5, 0.5, 3.0, 0.0};
     static nerapot bins[360];  // one per degree of bearing; the application owns them
     for (int i = 0; i < frames; ++i) {
         if (!camera.Grab()) {

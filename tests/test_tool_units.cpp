@@ -150,24 +150,54 @@ TEST(ToolPictures, DisparityColoursKeepUnmatchedBlackAndOrderNearAboveFar) {
     EXPECT_THROW(colourDisparity(cv::Mat(2, 2, CV_32FC1), 64), cv::Exception);
 }
 
-TEST(ToolPictures, EulerAnglesOfKnownRotations) {
-    const float s = float(std::sqrt(0.5));
-    const float identity[4] = {1, 0, 0, 0}, roll90[4] = {s, s, 0, 0}, pitch90[4] = {s, 0, s, 0},
-                yaw_minus90[4] = {s, 0, 0, -s}, yaw180[4] = {0, 0, 0, 1};
-    cv::Vec3d e = eulerDegrees(identity);
+namespace {
+
+// Hamilton product a * b of w,x,y,z quaternions.
+std::vector<double> qmul(const std::vector<double>& a, const std::vector<double>& b) {
+    return {a[0] * b[0] - a[1] * b[1] - a[2] * b[2] - a[3] * b[3],
+            a[0] * b[1] + a[1] * b[0] + a[2] * b[3] - a[3] * b[2],
+            a[0] * b[2] - a[1] * b[3] + a[2] * b[0] + a[3] * b[1],
+            a[0] * b[3] + a[1] * b[2] - a[2] * b[1] + a[3] * b[0]};
+}
+
+std::vector<double> turn(int axis, double deg) {
+    std::vector<double> q = {std::cos(deg * M_PI / 360), 0, 0, 0};
+    q[size_t(axis) + 1] = std::sin(deg * M_PI / 360);
+    return q;
+}
+
+cv::Vec3d euler(const std::vector<double>& q) {
+    const float f[4] = {float(q[0]), float(q[1]), float(q[2]), float(q[3])};
+    return eulerDegrees(f);
+}
+
+}  // namespace
+
+TEST(ToolPictures, EulerAnglesFollowTheBodyFrame) {
+    // Body x right, y forward, z up: pitch about x, roll about y, yaw about z.
+    cv::Vec3d e = euler({1, 0, 0, 0});
     EXPECT_NEAR(e[0], 0, 1e-9);
     EXPECT_NEAR(e[1], 0, 1e-9);
     EXPECT_NEAR(e[2], 0, 1e-9);
-    e = eulerDegrees(roll90);
+    e = euler(turn(1, 90));
     EXPECT_NEAR(e[0], 90, 1e-4);
     EXPECT_NEAR(e[1], 0, 1e-4);
-    e = eulerDegrees(pitch90);  // gimbal lock: the clamp keeps asin defined
-    EXPECT_NEAR(e[1], 90, 0.05);  // float input: 2 s^2 is one ulp below 1
-    e = eulerDegrees(yaw_minus90);
+    EXPECT_NEAR(e[2], 0, 1e-4);
+    e = euler(turn(0, 90));  // gimbal lock: the clamp keeps asin defined
+    EXPECT_NEAR(e[1], 90, 0.05);
+    e = euler(turn(2, -90));
     EXPECT_NEAR(e[2], -90, 1e-4);
     EXPECT_NEAR(e[0], 0, 1e-4);
-    e = eulerDegrees(yaw180);
-    EXPECT_NEAR(std::fabs(e[2]), 180, 1e-4);
+    EXPECT_NEAR(std::fabs(euler(turn(2, 180))[2]), 180, 1e-4);
+    // The order of the composition: world_from_body = Rz(yaw) Rx(pitch) Ry(roll).
+    e = euler(qmul(qmul(turn(2, 30), turn(0, 20)), turn(1, 10)));
+    EXPECT_NEAR(e[0], 10, 1e-4);
+    EXPECT_NEAR(e[1], 20, 1e-4);
+    EXPECT_NEAR(e[2], 30, 1e-4);
+    e = euler(qmul(qmul(turn(2, -45), turn(0, -15)), turn(1, 25)));
+    EXPECT_NEAR(e[0], 25, 1e-4);
+    EXPECT_NEAR(e[1], -15, 1e-4);
+    EXPECT_NEAR(e[2], -45, 1e-4);
 }
 
 TEST(ToolPictures, MontageTilesCaptionsAndSizes) {

@@ -62,12 +62,14 @@ cv::Mat colourDisparity(const cv::Mat& disparity16, double max_disparity) {
 
 cv::Vec3d eulerDegrees(const float q[4]) {
     const double w = q[0], x = q[1], y = q[2], z = q[3];
-    const double rad = 180.0 / M_PI;
-    double roll = std::atan2(2 * (w * x + y * z), 1 - 2 * (x * x + y * y));
-    double s = std::max(-1.0, std::min(1.0, 2 * (w * y - z * x)));
-    double pitch = std::asin(s);
-    double yaw = std::atan2(2 * (w * z + x * y), 1 - 2 * (y * y + z * z));
-    return cv::Vec3d(roll * rad, pitch * rad, yaw * rad);
+    const double deg = 180.0 / M_PI;
+    // Elements of the rotation matrix that the decomposition needs.
+    const double r01 = 2 * (x * y - w * z), r11 = 1 - 2 * (x * x + z * z);
+    const double r20 = 2 * (x * z - w * y), r21 = 2 * (y * z + w * x), r22 = 1 - 2 * (x * x + y * y);
+    const double pitch = std::asin(std::max(-1.0, std::min(1.0, r21)));
+    const double roll = std::atan2(-r20, r22);
+    const double yaw = std::atan2(-r01, r11);
+    return cv::Vec3d(roll * deg, pitch * deg, yaw * deg);
 }
 
 cv::Mat plotSeries(const std::vector<double>& x, const std::vector<Series>& series,

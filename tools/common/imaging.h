@@ -16,7 +16,9 @@ cv::Mat pairWithGuideLines(const cv::Mat& first, const cv::Mat& second, int spac
 // max_disparity sets the top of the scale, in pixels.
 cv::Mat colourDisparity(const cv::Mat& disparity16, double max_disparity);
 
-// Roll, pitch and yaw in degrees (x, y, z rotations, applied z-y-x) of a w,x,y,z quaternion.
+// Roll, pitch and yaw in degrees of the filter's w,x,y,z quaternion (world from body; body x right,
+// y forward, z up), for world_from_body = Rz(yaw) * Rx(pitch) * Ry(roll): pitch lifts the nose,
+// roll turns about the forward axis (right side down), yaw turns left.
 cv::Vec3d eulerDegrees(const float q[4]);
 
 struct Series {

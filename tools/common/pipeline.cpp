@@ -11,17 +11,17 @@
 namespace orvo_tool {
 
 void addRegionOptions(Command& cmd) {
-    cmd.option({"half-width", Value::Required, "M", "half-width of the search box, metres", "0.6"});
-    cmd.option({"height", Value::Required, "M", "how far above the optical axis to look, metres", "1.0"});
-    cmd.option({"max-depth", Value::Required, "M", "farthest depth searched, metres", "6.0"});
+    cmd.option({"half-width", Value::Required, "M", "half-width of the search box, metres", "0.5"});
+    cmd.option({"height", Value::Required, "M", "how far above the optical axis to look, metres", "0.5"});
+    cmd.option({"max-depth", Value::Required, "M", "farthest depth searched, metres", "3.0"});
     cmd.option({"tilt", Value::Required, "RAD", "camera pitch to correct for, radians", "0"});
 }
 
 winpar regionFromArgs(const Args& args) {
     winpar r;
-    r.half_width = args.positiveNumber("half-width", 0.6);
-    r.height = args.positiveNumber("height", 1.0);
-    r.max_depth = args.positiveNumber("max-depth", 6.0);
+    r.half_width = args.positiveNumber("half-width", 0.5);
+    r.height = args.positiveNumber("height", 0.5);
+    r.max_depth = args.positiveNumber("max-depth", 3.0);
     r.tilt = args.number("tilt", 0.0);
     return r;
 }

@@ -1,4 +1,5 @@
 // orvo grab: N frames saved as the original pair and the rectified pair with guide lines.
+#include <cmath>
 #include <cstdio>
 
 #include <ZUNCVHelper.h>
@@ -21,11 +22,15 @@ int runGrab(int argc, char** argv, int first) {
     cmd.option({"skip", Value::Required, "N", "frames to drop before saving", "0"});
     cmd.option({"out", Value::Required, "DIR", "output directory (created if missing)", "."});
     cmd.option({"separate", Value::None, "", "also write each image on its own (first_/second_)", ""});
+    cmd.option({"interval", Value::Required, "SECONDS",
+                "time between saved frames (at 30 frames per second), e.g. to move a chessboard", "0"});
     cmd.option({"quiet", Value::None, "", "no progress on standard error", ""});
     Args args = cmd.parse(argc, argv, first);
     if (printedHelp(cmd, args)) return kExitOk;
     const int frames = args.positiveInt("frames", 1);
     const int skip = args.count("skip", 0);
+    const double interval = args.has("interval") ? args.positiveNumber("interval", 0) : 0;
+    const int frames_between = int(std::lround(interval * 30));
     const std::string out = args.text("out", ".");
     ensureDirectory(out);
 
@@ -36,6 +41,10 @@ int runGrab(int argc, char** argv, int first) {
     Progress progress("grab", frames, !args.has("quiet"));
     bool rectified = false;
     for (int i = 0; i < frames; ++i) {
+        if (i > 0 && frames_between > 0) {
+            if (!args.has("quiet")) std::fprintf(stderr, "grab: next frame in %g s\n", interval);
+            for (int k = 1; k < frames_between; ++k) camera->Grab();
+        }
         rectified = camera->Grab();
         cv::Mat first_img, second_img, rect1, rect2;
         camera->getOrgImage(first_img, second_img);

@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "commands.h"
+#include "imaging.h"
 #include "session.h"
 
 namespace orvo_tool {
@@ -165,14 +167,37 @@ bool reportCalibration(const CalibrationFiles& files, bool virtual_rig) {
     return ok;
 }
 
+void copyFile(const std::string& from, const std::string& to) {
+    std::ifstream in(from, std::ios::binary);
+    std::ofstream out(to, std::ios::binary);
+    if (!in || !out || !(out << in.rdbuf()) || !out.flush()) throw RunError("cannot copy " + from + " to " + to);
+}
+
+// Keeps the calibration in use (for the virtual camera, its rig's) for other programs.
+void saveCalibration(const CalibrationFiles& files, const std::string& dir) {
+    if (!files.any()) throw RunError("no calibration to save");
+    ensureDirectory(dir);
+    if (files.pinhole()) {
+        copyFile(files.intrinsics, joinPath(dir, "intrinsics.yml"));
+        copyFile(files.extrinsics, joinPath(dir, "extrinsics.yml"));
+        line("saved", joinPath(dir, "intrinsics.yml") + ", " + joinPath(dir, "extrinsics.yml"));
+    } else {
+        copyFile(files.fisheye, joinPath(dir, "fisheye.yml"));
+        line("saved", joinPath(dir, "fisheye.yml"));
+    }
+}
+
 }  // namespace
 
 int runInfo(int argc, char** argv, int first) {
     Command cmd("orvo info", "[--device PATH | --virtual[=SCENE]] [calibration options]",
                 "Shows the camera node's driver, capabilities, formats, current format and frame\n"
                 "rate, asked with plain V4L2 requests (nothing is streamed), and checks that the\n"
-                "calibration files load. Exits with 1 when the node or a file fails.");
+                "calibration files load. Exits with 1 when the node or a file fails.\n"
+                "--save-calibration copies the calibration in use (with --virtual and no files\n"
+                "given: the virtual rig's) to DIR, for use with your own programs.");
     addDeviceOptions(cmd, true);
+    cmd.option({"save-calibration", Value::Required, "DIR", "copy the calibration files in use to DIR", ""});
     Args args = cmd.parse(argc, argv, first);
     if (printedHelp(cmd, args)) return kExitOk;
     Session session(args);
@@ -189,9 +214,10 @@ int runInfo(int argc, char** argv, int first) {
     }
     ::close(fd);
     bool virtual_rig = session.device().is_virtual && !args.has("intrinsics") && !args.has("fisheye");
-    return reportCalibration(session.calibration(), virtual_rig && session.calibration().any())
-               ? kExitOk
-               : kExitFailure;
+    if (!reportCalibration(session.calibration(), virtual_rig && session.calibration().any()))
+        return kExitFailure;
+    if (args.has("save-calibration")) saveCalibration(session.calibration(), args.text("save-calibration"));
+    return kExitOk;
 }
 
 }  // namespace orvo_tool

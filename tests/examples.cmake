@@ -8,5 +8,5 @@ add_test(NAME examples_on_virtual_camera
                  -DVCAM=$<TARGET_FILE:Orvo_virtual_camera>
                  -DEXAMPLES=$<TARGET_FILE_DIR:example_helpers_tour>
                  -DWORK=${CMAKE_CURRENT_BINARY_DIR}/examples_run
-                 -P ${CMAKE_CURRENT_SOURCE_DIR}/examples_run.cmake)
+                 -P ${CMAKE_CURRENT_SOURCE_DIR}/scripts/examples_run.cmake)
 set_tests_properties(examples_on_virtual_camera PROPERTIES TIMEOUT 300 LABELS examples)

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <rig.h>
+#include <scene.h>
 
 namespace orvo_tool {
 
@@ -181,15 +182,47 @@ Session::Session(const Args& args, int flags)
         calibration_.fisheye = args.text("fisheye");
         if (calibration_.intrinsics.empty() != calibration_.extrinsics.empty())
             throw UsageError("--intrinsics and --extrinsics go together");
-        if (!calibration_.any() && device_.is_virtual && device_.source.empty()) {
-            scratch_dir_ = makeScratchDir();
-            calibration_.intrinsics = scratch_dir_ + "/intrinsics.yml";
-            calibration_.extrinsics = scratch_dir_ + "/extrinsics.yml";
-            if (!orvo::vcam::Rig().writeStereo(calibration_.intrinsics, calibration_.extrinsics))
-                throw RunError("cannot write the virtual rig's calibration to " + scratch_dir_);
-        }
+        if (!calibration_.any() && device_.is_virtual) useVirtualCalibration();
     }
     activateVirtual(device_);
+}
+
+// The calibration the virtual camera's scene is meant to be used with: the files a scene file names
+// when they exist (they may be deliberately wrong), otherwise its rig's own, written to a private
+// directory. Patterns and recordings carry no rig: they run uncalibrated unless files are given.
+void Session::useVirtualCalibration() {
+    orvo::vcam::Scene scene;
+    const std::string& src = device_.source;
+    if (src.compare(0, 6, "scene:") == 0) {
+        std::string error;
+        if (!orvo::vcam::loadScene(src.substr(6), scene, &error)) throw RunError(error);
+        const orvo::vcam::SceneCalibration& named = scene.calibration;
+        if (!named.intrinsics.empty() && readable(named.intrinsics) && readable(named.extrinsics)) {
+            calibration_.intrinsics = named.intrinsics;
+            calibration_.extrinsics = named.extrinsics;
+            return;
+        }
+        if (named.intrinsics.empty() && !named.fisheye.empty() && readable(named.fisheye)) {
+            calibration_.fisheye = named.fisheye;
+            return;
+        }
+    } else if (src.empty()) {
+        scene = orvo::vcam::defaultScene();
+    } else {
+        return;
+    }
+    scratch_dir_ = makeScratchDir();
+    const orvo::vcam::Rig rig(scene.rig);
+    bool ok;
+    if (scene.rig.fisheye) {
+        calibration_.fisheye = scratch_dir_ + "/fisheye.yml";
+        ok = rig.writeFisheye(calibration_.fisheye);
+    } else {
+        calibration_.intrinsics = scratch_dir_ + "/intrinsics.yml";
+        calibration_.extrinsics = scratch_dir_ + "/extrinsics.yml";
+        ok = rig.writeStereo(calibration_.intrinsics, calibration_.extrinsics);
+    }
+    if (!ok) throw RunError("cannot write the virtual rig's calibration to " + scratch_dir_);
 }
 
 Session::~Session() {

@@ -64,6 +64,7 @@ public:
     std::unique_ptr<OrvoCamera> open() const;
 
 private:
+    void useVirtualCalibration();
     DeviceChoice device_;
     CalibrationFiles calibration_;
     std::string scratch_dir_;

@@ -260,6 +260,22 @@ TEST(SceneRender, TexturedSceneHasDetailEverywhereAndStaticFramesKeepTheirImages
         }
     }
     EXPECT_LE(flat_blocks, 5);
+
+    // Opening the same file again shows the same images; once the file is edited, the new ones.
+    orvo_test::ScratchDir dir;
+    Scene scene = defaultScene();
+    std::string error;
+    ASSERT_TRUE(saveScene(dir.file("s.yml"), scene, &error));
+    std::vector<uint8_t> a(frame::kBytes), b(frame::kBytes), c(frame::kBytes);
+    FrameTruth truth;
+    makeSceneSource(dir.file("s.yml"), &error)->render(0, 0, a.data(), truth);
+    makeSceneSource(dir.file("s.yml"), &error)->render(0, 0, b.data(), truth);
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a, first);
+    scene.objects[2].texture.mean += 40;  // a brighter obstacle
+    ASSERT_TRUE(saveScene(dir.file("s.yml"), scene, &error));
+    makeSceneSource(dir.file("s.yml"), &error)->render(0, 0, c.data(), truth);
+    EXPECT_NE(a, c);
 }
 
 // ---- motion and inertial conventions ---------------------------------------------------------

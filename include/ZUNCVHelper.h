@@ -10,7 +10,7 @@
 #define ORVO_API __attribute__((visibility("default")))
 #endif
 
-enum zuncvFileType {
+enum zuncvFileType : int {
     ZUNCV_INTRINSICS = 0,
     ZUNCV_EXTRINSICS = 1,
     ZUNCV_MONO = 2,

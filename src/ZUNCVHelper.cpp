@@ -83,7 +83,7 @@ bool readYML(std::string path, zuncvFileType type, std::vector<cv::Mat>& out) {
         std::cerr << " Read File : " << path << "Error !" << std::endl;
         return false;
     }
-    switch (type) {
+    switch (static_cast<int>(type)) {
     case ZUNCV_INTRINSICS: {
         cv::Mat m1 = readKey(fs, "M1");
         cv::Mat m2 = readKey(fs, "M2");

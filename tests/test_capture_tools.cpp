@@ -157,19 +157,20 @@ TEST(CaptureTools, CapImageRepeatsTheFrameProblemAfterReleasingTheCamera) {
     useVirtualCamera("DQBUF@3=EIO");
     const orvo_test::ScratchDir dir;
     display().reset();
-    // The loop never ends by itself: a small file-size limit stops the child.
-    const auto c = orvo_test::runInChild(
-        [&] {
-            const rlimit limit{4096, 4096};
-            setrlimit(RLIMIT_FSIZE, &limit);
-            capImage(dir.path(), kVirtualIndex);
-        },
-        20);
+    // The loop never ends by itself: a file-size limit, set once the camera's buffers exist
+    // (they count against it too), stops the child when its error output outgrows 4 KiB.
+    display().on_wait = [] {
+        const rlimit limit{4096, 4096};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    };
+    const auto c = orvo_test::runInChild([&] { capImage(dir.path(), kVirtualIndex); }, 20);
+    display().on_wait = nullptr;
     EXPECT_EQ(c.signal, SIGXFSZ);
     const std::string first = frameProblem(kYuyv), after = frameProblem(0);
     ASSERT_EQ(c.err.compare(0, first.size(), first), 0) << c.err.substr(0, 200);
     EXPECT_EQ(c.err.compare(first.size(), 3 * after.size(), after + after + after), 0)
         << c.err.substr(0, 200);
     EXPECT_GT(c.err.size(), 2048u);
+    EXPECT_LE(c.err.size(), 4096u);
     EXPECT_EQ(c.out, "");
 }

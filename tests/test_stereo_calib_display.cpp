@@ -520,3 +520,27 @@ TEST(StereoCalibDisplayX11, WindowsKeysAndScreenUnderXvfb) {
         EXPECT_TRUE(orvo_test::listDirectory(work.params).empty());
     }
 }
+
+TEST(StereoCalibDisplay, FacadeEntryShowsTheCalibratedRectification) {
+    const auto list = renderedSet().set.pairs({0, 1, 2});
+    const WorkDir direct, facade;
+    calibrateWithKeys(direct.path, list, true);
+    const auto expected = display().images("rectified");
+
+    display().reset();
+    const auto& rs = renderedSet();
+    const auto c = orvo_test::captureOutput([&] {
+        orvo_test::ScopedCwd in(facade.path);
+        orvo_test::calibrationCamera().StartStereoCalib(list, rs.board.inner,
+                                                        float(rs.board.square));
+    });
+    EXPECT_EQ(c.out.substr(0, c.out.find("Running")),
+              list[0] + "\n" + list[1] + "\n" + list[2] + "\n" + list[3] + "\n" + list[4] +
+                  "\n" + list[5] + "\n3 pairs have been successfully detected.\n");
+    const auto canvases = display().images("rectified");
+    ASSERT_EQ(canvases.size(), 3u);
+    for (size_t i = 0; i < canvases.size(); ++i)
+        EXPECT_EQ(maxDifference(canvases[i], expected[i]), 0.0) << "pair " << i;
+    EXPECT_EQ(orvo_test::readFile(facade.params + "/extrinsics.yml"),
+              orvo_test::readFile(direct.params + "/extrinsics.yml"));
+}

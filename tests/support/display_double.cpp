@@ -58,6 +58,7 @@ __attribute__((visibility("default"))) int waitKey(int delay) {
     orvo_test::DisplayDouble& d = orvo_test::display();
     d.waits.push_back(delay);
     d.waited.push_back(d.shown.empty() ? std::string() : d.shown.back().window);
+    if (d.on_wait) d.on_wait();
     if (d.passthrough) {
         using Fn = int (*)(int);
         static Fn real = orvo_test::realHighgui<Fn>("_ZN2cv7waitKeyEi");

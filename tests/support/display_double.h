@@ -4,6 +4,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ struct DisplayDouble {
     std::deque<int> keys;             // answers of the next waitKey calls
     int default_key = ' ';            // answer once the script is used up
     bool passthrough = false;         // also call the real highgui (keys then come from it)
+    std::function<void()> on_wait;    // runs at every waitKey call, before it answers
 
     void reset() { *this = DisplayDouble(); }
     size_t count(const std::string& window) const;

@@ -30,7 +30,7 @@ constexpr const char* kNode = "/dev/video-vcam-test2";
 
 class VcamFaults : public ::testing::Test {
 protected:
-    ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", nullptr}, {"ORVO_VCAM_FPS", "0"},
+    ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "0"},
                    {"ORVO_VCAM_TRUTH", nullptr},  {"ORVO_VCAM_FAULTS", nullptr}, {"ORVO_VCAM_LOG", nullptr}};
 };
 

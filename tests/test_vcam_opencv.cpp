@@ -109,7 +109,7 @@ TEST(VcamOpenCV, PacedFramesReachTheBackendThroughSelect) {
 }
 
 TEST(VcamReadiness, PollAndSelectWaitForTheNextFrame) {
-    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", nullptr}, {"ORVO_VCAM_FPS", "2"},
+    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "2"},
                   {"ORVO_VCAM_TRUTH", nullptr}, {"ORVO_VCAM_FAULTS", nullptr}, {"ORVO_VCAM_LOG", nullptr}};
     V4l2Client c(kNode, O_RDWR | O_NONBLOCK);
     ASSERT_EQ(0, c.setFormat());

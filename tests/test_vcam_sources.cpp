@@ -247,7 +247,7 @@ TEST(VcamRaw, BadSourcesAreRefusedWithAClearMessage) {
               out.err);
     EXPECT_FALSE(orvo::vcam::statistics().active);
 
-    ScopedEnv fps{{"ORVO_VCAM_SOURCE", nullptr}, {"ORVO_VCAM_FPS", "fast"}};
+    ScopedEnv fps{{"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "fast"}};
     out = orvo_test::captureOutput([&] { fd = open(kNode, O_RDWR); });
     EXPECT_EQ(-1, fd);
     EXPECT_EQ("orvo-vcam: cannot open " + std::string(kNode) +

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 #include <opencv2/calib3d.hpp>
 
@@ -178,6 +179,20 @@ cv::Vec3d rayStep(const cv::Vec3f& centre, const cv::Vec3f* before, const cv::Ve
     return {0, 0, 0};
 }
 
+// Runs body(first_row, end_row) over bands of rows on a few threads of its own. Not
+// cv::parallel_for_: its thread pool reads /proc/meminfo when it first starts, and the virtual
+// camera renders while holding the lock under which it answers that very read.
+template <typename Body>
+void forRowBands(int rows, const Body& body) {
+    const int threads = std::clamp(int(std::thread::hardware_concurrency()), 1, 4);
+    const int band = (rows + threads - 1) / threads;
+    std::vector<std::thread> helpers;
+    for (int t = 1; t < threads; ++t)
+        helpers.emplace_back(body, std::min(rows, t * band), std::min(rows, (t + 1) * band));
+    body(0, std::min(rows, band));
+    for (std::thread& h : helpers) h.join();
+}
+
 }  // namespace
 
 struct SceneRenderer::Impl {
@@ -245,8 +260,8 @@ void SceneRenderer::Impl::renderLens(int lens, const std::vector<Shape>& local, 
     const cv::Mat& r = rays[lens];
     const cv::Vec3d origin = centres[lens];
     cv::Mat grey(r.size(), CV_32F), surfaces(r.size(), CV_32S);
-    cv::parallel_for_(cv::Range(0, r.rows), [&](const cv::Range& rows) {
-        for (int y = rows.start; y < rows.end; ++y) {
+    forRowBands(r.rows, [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
             const cv::Vec3f* row = r.ptr<cv::Vec3f>(y);
             float* g = grey.ptr<float>(y);
             int* id = surfaces.ptr<int>(y);
@@ -261,8 +276,8 @@ void SceneRenderer::Impl::renderLens(int lens, const std::vector<Shape>& local, 
         }
     });
     out.create(r.size(), CV_8UC1);
-    cv::parallel_for_(cv::Range(0, r.rows), [&](const cv::Range& rows) {
-        for (int y = rows.start; y < rows.end; ++y) {
+    forRowBands(r.rows, [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
             const int* id = surfaces.ptr<int>(y);
             const float* g = grey.ptr<float>(y);
             uint8_t* dst = out.ptr<uint8_t>(y);

@@ -43,6 +43,13 @@ if(STEP STREQUAL "install")
       message(FATAL_ERROR "not installed: ${f} (found: ${configs})")
     endif()
   endforeach()
+  # The installed tool finds the installed SDK on its own (a relative run path).
+  if(EXISTS ${prefix}/bin/orvo)
+    run(${prefix}/bin/orvo --version)
+    if(NOT last_output MATCHES "^orvo [0-9]")
+      message(FATAL_ERROR "installed orvo --version printed: ${last_output}")
+    endif()
+  endif()
   # No absolute path may leak into the pkg-config file: the tree must stay relocatable.
   file(GLOB_RECURSE pcs ${prefix}/*.pc)
   foreach(pc ${pcs})

@@ -37,9 +37,13 @@ Nearest NearestSearch::run(OrvoCamera& camera) {
 cv::Mat NearestSearch::polarPlot(OrvoCamera& camera, const Nearest& nearest) {
     cv::Mat plot(1000, 1000, CV_8UC3, cv::Scalar::all(0));
     // Range rings every metre (125 plot pixels) around the camera at the centre, forward down.
-    for (int r = 1; r <= 4; ++r)
-        cv::circle(plot, cv::Point(500, 500), 125 * r, cv::Scalar(70, 70, 70), 1);
-    cv::line(plot, cv::Point(500, 500), cv::Point(500, 999), cv::Scalar(70, 70, 70), 1);
+    const cv::Scalar grey(70, 70, 70);
+    for (int r = 1; r <= 4; ++r) {
+        cv::circle(plot, cv::Point(500, 500), 125 * r, grey, 1);
+        cv::putText(plot, std::to_string(r) + " m", cv::Point(506, 500 + 125 * r - 5),
+                    cv::FONT_HERSHEY_PLAIN, 1.0, cv::Scalar(120, 120, 120), 1);
+    }
+    cv::line(plot, cv::Point(500, 500), cv::Point(500, 999), grey, 1);
     camera.getPointImage(bins_.data(), nearest.point, plot);
     return plot;
 }

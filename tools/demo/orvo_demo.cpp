@@ -79,7 +79,14 @@ int run(int argc, char** argv) {
         camera->getDisparity(disparity);
         tiles.push_back({"rectified pair", pairWithGuideLines(r1, r2)});
         tiles.push_back({"disparity (semi-global)", colourDisparity(disparity, 64)});
-        tiles.push_back({"nearest point per bearing (1 m rings)", search.polarPlot(*camera, nearest)});
+        // The forward half of the polar plot: every accepted point lies ahead of the camera.
+        cv::Mat polar = search.polarPlot(*camera, nearest)(cv::Rect(0, 470, 1000, 530));
+        char caption[96];
+        if (nearest.found)
+            std::snprintf(caption, sizeof caption, "nearest point per bearing: %.2f m ahead", nearest.point.z);
+        else
+            std::snprintf(caption, sizeof caption, "nearest point per bearing: none in the box");
+        tiles.push_back({caption, polar});
     } else {
         std::printf("no calibration: no rectified pair, disparity or polar plot\n");
     }

@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include <opencv2/calib3d.hpp>
-#include <opencv2/features2d.hpp>
+#include <opencv2/video/tracking.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "commands.h"
@@ -17,37 +17,47 @@ namespace orvo_tool {
 
 namespace {
 
+// Larger than any disparity the matchers look for (128 pixels).
+constexpr double kMaxDisparity = 160;
+
 struct Match {
     cv::Point2f first, second;
     double row_error() const { return double(second.y) - double(first.y); }
 };
 
-// Cross-checked ORB matches, kept only when they agree with one epipolar geometry (RANSAC on
-// the fundamental matrix, which assumes nothing about rectification and so does not bias rows).
+// Corners of the first image followed into the second by pyramidal optical flow, which places
+// them to a fraction of a pixel and is free to move them in any direction, so it does not favour
+// rows. Kept: matches that track back to where they started, lie in front (the second image sees
+// a point further left), and agree with one epipolar geometry (RANSAC on the fundamental matrix,
+// which assumes nothing about rectification).
 std::vector<Match> matchFeatures(const cv::Mat& first, const cv::Mat& second, double max_shift) {
-    auto orb = cv::ORB::create(3000);
-    std::vector<cv::KeyPoint> k1, k2;
-    cv::Mat d1, d2;
-    orb->detectAndCompute(first, cv::noArray(), k1, d1);
-    orb->detectAndCompute(second, cv::noArray(), k2, d2);
-    if (d1.empty() || d2.empty()) return {};
-    std::vector<cv::DMatch> raw;
-    cv::BFMatcher(cv::NORM_HAMMING, true).match(d1, d2, raw);
+    std::vector<cv::Point2f> p1;
+    cv::goodFeaturesToTrack(first, p1, 2000, 0.01, 7);
+    if (p1.size() < 8) return {};
+    cv::cornerSubPix(first, p1, cv::Size(5, 5), cv::Size(-1, -1),
+                     cv::TermCriteria(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01));
+    const cv::Size window(21, 21);
+    const cv::TermCriteria stop(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 40, 0.001);
+    std::vector<cv::Point2f> p2, back;
+    std::vector<uchar> ok2, ok_back;
+    std::vector<float> err;
+    cv::calcOpticalFlowPyrLK(first, second, p1, p2, ok2, err, window, 4, stop);
+    cv::calcOpticalFlowPyrLK(second, first, p2, back, ok_back, err, window, 4, stop);
 
-    std::vector<cv::Point2f> p1, p2;
-    for (const cv::DMatch& m : raw) {
-        const cv::Point2f a = k1[size_t(m.queryIdx)].pt, b = k2[size_t(m.trainIdx)].pt;
-        if (std::fabs(a.x - b.x) <= max_shift && std::fabs(a.y - b.y) <= max_shift / 4) {
-            p1.push_back(a);
-            p2.push_back(b);
-        }
+    std::vector<cv::Point2f> a, b;
+    for (size_t i = 0; i < p1.size(); ++i) {
+        const float shift = p1[i].x - p2[i].x;
+        if (!ok2[i] || !ok_back[i] || cv::norm(back[i] - p1[i]) > 0.2) continue;
+        if (shift < -1 || shift > max_shift || std::fabs(p2[i].y - p1[i].y) > max_shift / 4) continue;
+        a.push_back(p1[i]);
+        b.push_back(p2[i]);
     }
     std::vector<Match> out;
-    if (p1.size() < 8) return out;
+    if (a.size() < 8) return out;
     std::vector<uchar> inlier;
-    cv::findFundamentalMat(p1, p2, cv::FM_RANSAC, 1.5, 0.999, inlier);
-    for (size_t i = 0; i < p1.size(); ++i)
-        if (i < inlier.size() && inlier[i]) out.push_back({p1[i], p2[i]});
+    cv::findFundamentalMat(a, b, cv::FM_RANSAC, 1.0, 0.999, inlier);
+    for (size_t i = 0; i < a.size(); ++i)
+        if (i < inlier.size() && inlier[i]) out.push_back({a[i], b[i]});
     return out;
 }
 
@@ -65,15 +75,33 @@ cv::Scalar errorColour(double e) {
     return cv::Scalar(0, 0, 255);
 }
 
+// The pair with its guide lines, every match as a circle on both sides coloured by its row error,
+// and a line joining about forty of them so that the pairing can be followed by eye.
+cv::Mat drawMatches(const cv::Mat& first, const cv::Mat& second, const std::vector<Match>& matches) {
+    cv::Mat picture = pairWithGuideLines(first, second);
+    const cv::Point2f offset(float(first.cols), 0);
+    const size_t stride = std::max<size_t>(1, matches.size() / 40);
+    for (size_t i = 0; i < matches.size(); ++i) {
+        const Match& m = matches[i];
+        const cv::Scalar colour = errorColour(m.row_error());
+        cv::circle(picture, m.first, 3, colour, 1, cv::LINE_AA);
+        cv::circle(picture, m.second + offset, 3, colour, 1, cv::LINE_AA);
+        if (i % stride == 0) cv::line(picture, m.first, m.second + offset, colour, 1, cv::LINE_AA);
+    }
+    return picture;
+}
+
 }  // namespace
 
 int runCheck(int argc, char** argv, int first) {
     Command cmd("orvo check", "[--frames N] [--max-error PX] [--out DIR] [--device PATH | --virtual[=SCENE]] [calibration options]",
-                "Matches features between the rectified images and measures their row difference:\n"
+                "Follows corners from the first rectified image into the second (sub-pixel optical\n"
+                "flow, checked forwards and backwards) and measures their row difference:\n"
                 "with a good calibration a point and its match lie on the same row. Prints the\n"
                 "median, mean and 95th percentile of |row difference| in pixels and writes\n"
-                "DIR/check.png (the rectified pair, guide lines, each match drawn green under 0.5 px,\n"
-                "yellow under 1 px, red above). Exits with 3 when the median exceeds --max-error.");
+                "DIR/check.png (the rectified pair, guide lines, each match circled green under\n"
+                "0.5 px, yellow under 1 px, red above, some of them joined). Exits with 3 when the\n"
+                "median exceeds --max-error.");
     addDeviceOptions(cmd, true);
     cmd.option({"frames", Value::Required, "N", "frames to gather matches from", "1"});
     cmd.option({"skip", Value::Required, "N", "frames to drop first", "0"});
@@ -99,16 +127,8 @@ int runCheck(int argc, char** argv, int first) {
         if (!camera->Grab()) throw RunError("the calibration did not give rectification maps");
         cv::Mat r1, r2;
         camera->getRectImage(r1, r2);
-        std::vector<Match> matches = matchFeatures(r1, r2, r1.cols / 3.0);
-        if (i == frames - 1) {
-            picture = pairWithGuideLines(r1, r2);
-            for (const Match& m : matches) {
-                cv::Point2f b = m.second + cv::Point2f(float(r1.cols), 0);
-                cv::line(picture, m.first, b, errorColour(m.row_error()), 1, cv::LINE_AA);
-                cv::circle(picture, m.first, 2, errorColour(m.row_error()), 1, cv::LINE_AA);
-                cv::circle(picture, b, 2, errorColour(m.row_error()), 1, cv::LINE_AA);
-            }
-        }
+        std::vector<Match> matches = matchFeatures(r1, r2, kMaxDisparity);
+        if (i == frames - 1) picture = drawMatches(r1, r2, matches);
         for (const Match& m : matches) {
             errors.push_back(m.row_error());
             magnitudes.push_back(std::fabs(m.row_error()));

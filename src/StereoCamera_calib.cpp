@@ -2,6 +2,7 @@
 // and the rectified preview.
 #include "StereoCamera.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -114,7 +115,6 @@ Detection detectPairs(const std::vector<std::string>& list, cv::Size board) {
 
 std::vector<std::vector<cv::Point3f>> boardPoints(size_t views, cv::Size board, float square) {
     std::vector<cv::Point3f> one;
-    one.reserve(size_t(board.area()));
     for (int j = 0; j < board.height; ++j)
         for (int k = 0; k < board.width; ++k)
             one.emplace_back(float(k) * square, float(j) * square, 0.0f);

@@ -100,6 +100,7 @@ cv::Point3d ChessboardRenderer::cornerInLeftFrame(const BoardPose& pose, int k, 
 // pattern averaged over the pixel's footprint on the board (estimated from neighbouring pixels),
 // so that edges carry sub-pixel information as a real lens's would.
 cv::Mat ChessboardRenderer::render(int lens, const BoardPose& pose, const ImageNoise& noise) const {
+    if (lens != 0 && lens != 1) return cv::Mat();
     const cv::Mat& rays = rays_[lens];
     const cv::Vec3d c(centre_[lens].x, centre_[lens].y, centre_[lens].z);
     const cv::Vec3d normal(pose.R(0, 2), pose.R(1, 2), pose.R(2, 2));

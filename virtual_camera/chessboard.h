@@ -46,10 +46,12 @@ public:
     const BoardSpec& board() const { return board_; }
     const Rig& rig() const { return rig_; }
 
-    // 8-bit grey view of lens 0 (left) or 1 (right) at the rig's image size, anti-aliased.
+    // 8-bit grey view of lens 0 (left) or 1 (right) at the rig's image size, anti-aliased;
+    // empty for another lens number.
     cv::Mat render(int lens, const BoardPose& pose, const ImageNoise& noise = ImageNoise()) const;
     // True pixels of the inner corners through lens 0 or 1, row by row along the board's x axis,
-    // the order in which a calibration pairs them with its board points.
+    // the order in which a calibration pairs them with its board points; (-1, -1) for a corner
+    // behind the lens or a lens number other than 0 and 1.
     std::vector<cv::Point2d> corners(int lens, const BoardPose& pose) const;
     // The same corners in the ideal rectified camera of lens 0 or 1.
     std::vector<cv::Point2d> rectifiedCorners(int lens, const BoardPose& pose) const;

@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
 # Runs every benchmark program of a build and prints the ratios they report in one table.
 # Usage: bench/run_all.sh [BUILD_DIR] [extra benchmark arguments...]
-# Each program times an operation beside the OpenCV work it must do, in the same run, and prints
-# ratio lines such as "A / B = 0.41 (2.4x faster)" or "Grab / required work: 1.04x (target ...)";
-# those lines (and frame rates) are collected here. Full output goes to BUILD_DIR/bench-logs/.
+# Each program times an operation beside the OpenCV work it must do, in the same run; the ratios
+# it reports are gathered by bench/ratios.awk. Full output goes to BUILD_DIR/bench-logs/.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
@@ -30,17 +29,7 @@ for p in "${programs[@]}"; do
     printf '%s\t%s\t%s\n' "$name" "(failed: see $logs/$name.txt)" "" >>"$table"
     continue
   fi
-  # A ratio line has " / " and then ':' or '=' before a number; frame rates say "per second".
-  awk -v prog="$name" '
-    / \/ / || /per second/ {
-      if (match($0, /[:=][ \t]*[0-9.]+/)) {
-        measure = substr($0, 1, RSTART - 1); value = substr($0, RSTART + 1)
-        gsub(/^[ \t]+|[ \t]+$/, "", measure); gsub(/[ \t]+/, " ", measure)
-        gsub(/^[ \t]+|[ \t]+$/, "", value)
-        printf "%s\t%s\t%s\n", prog, measure, value; found = 1
-      }
-    }
-    END { if (!found) printf "%s\t%s\t\n", prog, "(no ratio reported)" }' "$logs/$name.txt" >>"$table"
+  awk -v prog="$name" -f "$root/bench/ratios.awk" "$logs/$name.txt" >>"$table"
 done
 
 echo

@@ -2,14 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
 
 #include "cli.h"
+#include "image_pairs.h"
 #include "imaging.h"
 #include "pipeline.h"
+#include "run_capture.h"
+#include "scratch_dir.h"
 #include "session.h"
 
 using namespace orvo_tool;
@@ -251,4 +255,31 @@ TEST(ToolProgress, PeriodFromRateOrFrameInterval) {
     EXPECT_DOUBLE_EQ(by_frame.periodFor(0), 1.0 / 30.0);
     EXPECT_DOUBLE_EQ(by_rate.periodFor(10), 0.005);
     EXPECT_FALSE(by_frame.settled());
+}
+
+TEST(ToolImagePairs, DirectoryPairsByNameAndReportsOrphans) {
+    orvo_test::ScratchDir dir;
+    for (const char* name : {"left01.png", "right01.png", "LEFT02.jpg", "Right02.jpg", "first_0000.png",
+                             "second_0000.png", "left03.png", "right3.png", "notes.txt", "rightonly.png"})
+        std::ofstream(dir.file(name)) << "x";
+    std::vector<std::string> list;
+    orvo_test::Captured c = orvo_test::captureOutput([&] { list = pairsFromDirectory(dir.path()); });
+    // Name order (upper case first), each left followed by its partner.
+    EXPECT_EQ(list, (std::vector<std::string>{dir.file("LEFT02.jpg"), dir.file("Right02.jpg"),
+                                              dir.file("first_0000.png"), dir.file("second_0000.png"),
+                                              dir.file("left01.png"), dir.file("right01.png")}));
+    EXPECT_EQ(c.err, "calibrate: left03.png has no right partner; left out\n"
+                     "calibrate: right3.png has no left partner; left out\n"
+                     "calibrate: rightonly.png has no left partner; left out\n");
+    EXPECT_EQ(c.out, "");
+    EXPECT_THROW(pairsFromDirectory(dir.file("missing")), RunError);
+}
+
+TEST(ToolImagePairs, ListFileOrderCommentsAndRelativeNames) {
+    orvo_test::ScratchDir dir;
+    std::ofstream(dir.file("list.txt")) << "# left, right\nl1.png\r\n  \n/abs/r1.png   \n\nsub/l2.png\n#r2\nr2.png";
+    EXPECT_EQ(imagesFromList(dir.file("list.txt")),
+              (std::vector<std::string>{dir.file("l1.png"), "/abs/r1.png", dir.file("sub/l2.png"),
+                                        dir.file("r2.png")}));
+    EXPECT_THROW(imagesFromList(dir.file("none.txt")), RunError);
 }

@@ -1,20 +1,18 @@
 // orvo calibrate: chessboard image pairs in, the two calibration files out, through the library's
 // interactive procedure (which shows every board and every rectified pair and waits for a key).
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 
 #include "commands.h"
+#include "image_pairs.h"
 #include "imaging.h"
 #include "session.h"
 #include "unattended.h"
@@ -22,8 +20,6 @@
 namespace orvo_tool {
 
 namespace {
-
-const char* const kPairPrefixes[][2] = {{"left", "right"}, {"first", "second"}};
 
 bool isDirectory(const std::string& path) {
     struct stat st;
@@ -36,56 +32,6 @@ std::string absolute(const std::string& path) {
     if (!path.empty() && path[0] == '/') return path;
     if (!getcwd(buf, sizeof buf)) return path;
     return joinPath(buf, path);
-}
-
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return char(std::tolower(c)); });
-    return s;
-}
-
-// Pairs a directory's images by name: leftXX with rightXX, or firstXX with secondXX (any case),
-// in name order. Images without a partner are reported and left out.
-std::vector<std::string> pairsFromDirectory(const std::string& dir) {
-    DIR* d = opendir(dir.c_str());
-    if (!d) throw RunError("cannot read directory " + dir + ": " + std::strerror(errno));
-    std::vector<std::string> names;
-    while (dirent* e = readdir(d)) names.push_back(e->d_name);
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    std::vector<std::string> list;
-    for (const std::string& name : names) {
-        for (const auto& prefix : kPairPrefixes) {
-            const std::string l = lower(name), p0 = prefix[0], p1 = prefix[1];
-            if (l.compare(0, p0.size(), p0) != 0) continue;
-            const std::string rest = name.substr(p0.size());
-            std::string partner;
-            for (const std::string& other : names)
-                if (lower(other.substr(0, p1.size())) == p1 && other.substr(p1.size()) == rest) partner = other;
-            if (partner.empty()) {
-                std::fprintf(stderr, "calibrate: %s has no %s partner; left out\n", name.c_str(), prefix[1]);
-                continue;
-            }
-            list.push_back(joinPath(dir, name));
-            list.push_back(joinPath(dir, partner));
-        }
-    }
-    return list;
-}
-
-// A list file names the images in the library's order, left then right, one per line; blank lines
-// and lines starting with # are skipped; relative names are relative to the list's directory.
-std::vector<std::string> imagesFromList(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw RunError("cannot read image list " + path);
-    std::string base = path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/'));
-    std::vector<std::string> list;
-    std::string line;
-    while (std::getline(in, line)) {
-        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-        if (line.empty() || line[0] == '#') continue;
-        list.push_back(line[0] == '/' ? line : joinPath(base, line));
-    }
-    return list;
 }
 
 }  // namespace

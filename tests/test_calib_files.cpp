@@ -239,7 +239,7 @@ TEST(StereoCameraParameter, TakesFocalCentreAndBaselineTermFromP1AndP2) {
     EXPECT_EQ(out.at<double>(0, 3), rig.P1.at<double>(1, 2));
     EXPECT_EQ(out.at<double>(0, 4), rig.P2.at<double>(0, 3));
     EXPECT_LT(out.at<double>(0, 4), 0.0);
-    EXPECT_NEAR(out.at<double>(0, 4), -rig.spec().baseline * out.at<double>(0, 0), 1e-9);
+    EXPECT_NEAR(out.at<double>(0, 4), -rig.params().baseline * out.at<double>(0, 0), 1e-9);
 }
 
 TEST(StereoCameraParameter, FailureLeavesOutUntouched) {

@@ -184,7 +184,7 @@ struct StereoFiles {
     orvo_test::ScratchDir dir;
     Rig rig;
     std::string in = dir.file("intrinsics.yml"), ex = dir.file("extrinsics.yml");
-    explicit StereoFiles(const RigSpec& spec = RigSpec()) : rig(spec) {
+    explicit StereoFiles(const RigSpec& params = RigSpec()) : rig(params) {
         EXPECT_TRUE(rig.writeStereo(in, ex));
     }
 };
@@ -373,8 +373,8 @@ TEST(FisheyeMaps, StoredRectificationIsUsedVerbatim) {
         }
     EXPECT_LT(worst, 0.05);
     // The centre of an undistortion at K1 samples the principal point itself.
-    const cv::Point2d c = sampleMap(f, file.rig.spec().principal_left);
-    EXPECT_LT(cv::norm(c - file.rig.spec().principal_left), 0.05);
+    const cv::Point2d c = sampleMap(f, file.rig.params().principal_left);
+    EXPECT_LT(cv::norm(c - file.rig.params().principal_left), 0.05);
 }
 
 // Output pixel whose map entry is `raw`, by Newton steps on the interpolated map.

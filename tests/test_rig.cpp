@@ -35,17 +35,17 @@ cv::Mat readKey(const std::string& path, const std::string& key) {
 }
 
 TEST(Rig, TrueModelFollowsTheSpecAndStereoConvention) {
-    RigSpec spec;
-    spec.focal = 420.5;
-    spec.baseline = 0.2;
-    Rig rig(spec);
+    RigSpec params;
+    params.focal = 420.5;
+    params.baseline = 0.2;
+    Rig rig(params);
     EXPECT_TRUE(sameValues(rig.K1, (cv::Mat_<double>(3, 3) << 420.5, 0, 371, 0, 420.5, 243, 0, 0, 1)));
     EXPECT_TRUE(sameValues(rig.K2, (cv::Mat_<double>(3, 3) << 420.5, 0, 380, 0, 420.5, 236, 0, 0, 1)));
-    EXPECT_TRUE(sameValues(rig.D1, cv::Mat(spec.dist_left).t()));
-    EXPECT_TRUE(sameValues(rig.D2, cv::Mat(spec.dist_right).t()));
+    EXPECT_TRUE(sameValues(rig.D1, cv::Mat(params.dist_left).t()));
+    EXPECT_TRUE(sameValues(rig.D2, cv::Mat(params.dist_right).t()));
     cv::Vec3d rvec;
     cv::Rodrigues(rig.R, rvec);
-    EXPECT_LT(cv::norm(rvec - spec.rotation), 1e-12);
+    EXPECT_LT(cv::norm(rvec - params.rotation), 1e-12);
     // The right lens sits at +baseline along the left lens's x axis: X_right = R X_left + T.
     const cv::Point3d c = rig.centre(1);
     EXPECT_LT(cv::norm(c - cv::Point3d(0.2, 0, 0)), 1e-12);
@@ -59,7 +59,7 @@ TEST(Rig, TrueModelFollowsTheSpecAndStereoConvention) {
 
 TEST(Rig, ProjectsThroughTheDistortedLensModels) {
     Rig rig;
-    const RigSpec& s = rig.spec();
+    const RigSpec& s = rig.params();
     // A point off both axes, evaluated by the textbook pinhole model with k1, k2, p1, p2, k3.
     const cv::Point3d p(0.7, -0.4, 1.6);
     const double x = p.x / p.z, y = p.y / p.z, r2 = x * x + y * y;
@@ -81,13 +81,13 @@ TEST(Rig, ProjectsThroughTheDistortedLensModels) {
 
     // The fisheye model: theta_d = theta (1 + k1 theta^2 + ... + k4 theta^8), radius f theta_d.
     Rig fe(orvo::vcam::fisheyeRigSpec());
-    const auto& k = fe.spec().dist_left;
+    const auto& k = fe.params().dist_left;
     const cv::Point3d w(1.9, 0.8, 0.5);  // about 77 degrees off axis
     const double r = std::hypot(w.x, w.y) / w.z, th = std::atan(r), t2 = th * th;
     const double thd = th * (1 + k[0] * t2 + k[1] * t2 * t2 + k[2] * t2 * t2 * t2 + k[3] * t2 * t2 * t2 * t2);
     ASSERT_TRUE(fe.project(0, w, px));
-    EXPECT_NEAR(px.x, fe.spec().focal * thd / r * w.x / w.z + fe.spec().principal_left.x, 1e-9);
-    EXPECT_NEAR(px.y, fe.spec().focal * thd / r * w.y / w.z + fe.spec().principal_left.y, 1e-9);
+    EXPECT_NEAR(px.x, fe.params().focal * thd / r * w.x / w.z + fe.params().principal_left.x, 1e-9);
+    EXPECT_NEAR(px.y, fe.params().focal * thd / r * w.y / w.z + fe.params().principal_left.y, 1e-9);
 
     // Behind a lens, or no such lens.
     EXPECT_FALSE(rig.project(0, cv::Point3d(0.1, 0.1, -1), px));
@@ -97,10 +97,10 @@ TEST(Rig, ProjectsThroughTheDistortedLensModels) {
 }
 
 TEST(Rig, RectifiedCamerasShareRowsAndGiveDisparityFromDepth) {
-    for (const RigSpec& spec : {RigSpec(), orvo::vcam::fisheyeRigSpec()}) {
-        Rig rig(spec);
+    for (const RigSpec& params : {RigSpec(), orvo::vcam::fisheyeRigSpec()}) {
+        Rig rig(params);
         const double fb = -rig.P2.at<double>(0, 3);
-        EXPECT_NEAR(fb, spec.baseline * rig.P1.at<double>(0, 0), 1e-9);
+        EXPECT_NEAR(fb, params.baseline * rig.P1.at<double>(0, 0), 1e-9);
         EXPECT_TRUE(sameValues(rig.P1.colRange(0, 3).clone(), rig.P2.colRange(0, 3).clone()));
         cv::RNG rng(5);
         for (int i = 0; i < 200; ++i) {
@@ -116,15 +116,15 @@ TEST(Rig, RectifiedCamerasShareRowsAndGiveDisparityFromDepth) {
 }
 
 TEST(Rig, RaysRoundTripThroughTheLensModel) {
-    for (const RigSpec& spec : {RigSpec(), orvo::vcam::fisheyeRigSpec()}) {
-        Rig rig(spec);
+    for (const RigSpec& params : {RigSpec(), orvo::vcam::fisheyeRigSpec()}) {
+        Rig rig(params);
         for (int lens = 0; lens < 2; ++lens) {
             const cv::Mat rays = rig.rays(lens);
-            ASSERT_EQ(rays.size(), spec.size);
+            ASSERT_EQ(rays.size(), params.size);
             ASSERT_EQ(rays.type(), CV_32FC3);
             double worst = 0, worst_norm = 0;
-            for (int v = 0; v < spec.size.height; v += 11)
-                for (int u = 0; u < spec.size.width; u += 13) {
+            for (int v = 0; v < params.size.height; v += 11)
+                for (int u = 0; u < params.size.width; u += 13) {
                     const cv::Vec3f r = rays.at<cv::Vec3f>(v, u);
                     worst_norm = std::max(worst_norm, std::abs(cv::norm(r) - 1.0));
                     cv::Point2d px;

@@ -90,7 +90,7 @@ double rowErrorThroughFiles(const std::string& intrinsics, const std::string& ex
                             const orvo::vcam::BoardPose& pose) {
     const auto& rs = renderedSet();
     cv::Mat m[4], camera, p2;
-    get_remap_mat(intrinsics, extrinsics, rs.rig.spec().size, m[0], m[1], m[2], m[3], camera, p2);
+    get_remap_mat(intrinsics, extrinsics, rs.rig.params().size, m[0], m[1], m[2], m[3], camera, p2);
     cv::Mat left, right;
     cv::remap(rs.renderer.render(0, pose), left, m[0], m[1], cv::INTER_LINEAR);
     cv::remap(rs.renderer.render(1, pose), right, m[2], m[3], cv::INTER_LINEAR);
@@ -116,7 +116,7 @@ TEST(ChessboardRenderer, ViewsMatchTheRigAndTheSetHasItsSpecialPairs) {
     for (int pose : {0, 4, 9}) {
         for (int lens = 0; lens < 2; ++lens) {
             const cv::Mat img = cv::imread(set.list[2 * size_t(pose) + size_t(lens)], 0);
-            ASSERT_EQ(img.size(), rs.rig.spec().size);
+            ASSERT_EQ(img.size(), rs.rig.params().size);
             std::vector<cv::Point2f> found;
             ASSERT_TRUE(cv::findChessboardCorners(img, rs.board.inner, found, 3));
             cv::cornerSubPix(img, found, cv::Size(11, 11), cv::Size(-1, -1),
@@ -142,7 +142,7 @@ TEST(ChessboardRenderer, ViewsMatchTheRigAndTheSetHasItsSpecialPairs) {
     EXPECT_EQ(stat(set.list[2 * size_t(set.missing_right_pair) + 1].c_str(), &st), -1);
     EXPECT_EQ(stat(set.list[2 * size_t(set.missing_right_pair)].c_str(), &st), 0);
     EXPECT_NE(cv::imread(set.list[2 * size_t(set.other_size_pair) + 1], 0).size(),
-              rs.rig.spec().size);
+              rs.rig.params().size);
     EXPECT_EQ(orvo_test::readFile(set.list_file), lines(set.list));
     EXPECT_EQ(set.list.size(), 2 * set.poses.size());
 }
@@ -207,7 +207,7 @@ TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
     EXPECT_EQ(D1.at<double>(4), 0.0);
     EXPECT_EQ(D2.at<double>(4), 0.0);
 
-    const auto& truth = rs.rig.spec();
+    const auto& truth = rs.rig.params();
     EXPECT_NEAR(M1.at<double>(0, 0), truth.focal, 0.01 * truth.focal);
     EXPECT_NEAR(cv::norm(T), truth.baseline, 0.005 * truth.baseline);
     EXPECT_LT(T.at<double>(0), 0.0);  // the right lens sits at +x of the left one
@@ -282,7 +282,7 @@ TEST(StereoCalib, ListsThatCannotBeCalibrated) {
 
     // An image without a board is shown all the same, then its pair is dropped.
     const std::string blank = dir + "/blank.png";
-    ASSERT_TRUE(cv::imwrite(blank, cv::Mat(renderedSet().rig.spec().size, CV_8U, cv::Scalar(128))));
+    ASSERT_TRUE(cv::imwrite(blank, cv::Mat(renderedSet().rig.params().size, CV_8U, cv::Scalar(128))));
     c = calibrate(dir, {set.list[0], set.list[1], blank, set.list[3]}, true, true);
     EXPECT_EQ(c.out, lines({set.list[0], set.list[1], blank}) +
                          "1 pairs have been successfully detected.\n" + kTooLittle);
@@ -323,7 +323,7 @@ TEST(StereoCalib, FarBoardIsFoundEnlargedAndDrawnOnTheImageGrid) {
         // The drawing is the only colour on a grey view; it must sit on the true corners, not
         // on their positions in the enlarged image.
         const cv::Mat& img = shown[2 + size_t(lens)];
-        ASSERT_EQ(img.size(), rs.rig.spec().size);
+        ASSERT_EQ(img.size(), rs.rig.params().size);
         cv::Point2d sum(0, 0);
         int n = 0;
         for (int y = 0; y < img.rows; ++y)

@@ -482,7 +482,7 @@ TEST(ToolCalibrate, UnattendedCalibrationRecoversTheRig) {
     // The procedure's model (same focal length, fixed aspect, no k3) on noisy, blurred views:
     // the baseline within 5 %, and the tool's summary is the file's.
     const double baseline = cv::norm(extr[1]);
-    EXPECT_NEAR(baseline, rig.spec().baseline, 0.05 * rig.spec().baseline);
+    EXPECT_NEAR(baseline, rig.params().baseline, 0.05 * rig.params().baseline);
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.out, m, std::regex("baseline ([0-9.]+) \\(unit of --square\\)")));
     EXPECT_NEAR(std::stod(m[1]), -extr[5].at<double>(0, 3) / extr[5].at<double>(0, 0), 1e-5);

@@ -154,10 +154,10 @@ TEST_F(VcamFaults, EachRequestNamedFailsAloneAndTheFailureChangesNothing) {
     int n = 0;
     for (const char* name : names) {
         const char* error = errors[n++ % 7];
-        std::string spec = std::string(name) + "=" + error + ":1";
-        ScopedEnv faults{{"ORVO_VCAM_FAULTS", spec.c_str()}};
+        std::string fault = std::string(name) + "=" + error + ":1";
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", fault.c_str()}};
         V4l2Client c(kNode);
-        EXPECT_EQ(std::vector<std::string>{std::string(name) + ":" + error}, runCaptureSequence(c)) << spec;
+        EXPECT_EQ(std::vector<std::string>{std::string(name) + ":" + error}, runCaptureSequence(c)) << fault;
     }
 }
 
@@ -205,16 +205,16 @@ TEST_F(VcamFaults, SpecialActionsShapeTheDriversAnswers) {
         v4l2_buffer b;
         EXPECT_EQ(EINVAL, c.query(0, &b)) << "nothing was allocated";
     }
-    for (const char* spec : {"caps=no-capture", "caps=no-streaming", "caps=no-capture,caps=no-streaming"}) {
-        ScopedEnv faults{{"ORVO_VCAM_FAULTS", spec}};
+    for (const char* fault : {"caps=no-capture", "caps=no-streaming", "caps=no-capture,caps=no-streaming"}) {
+        ScopedEnv faults{{"ORVO_VCAM_FAULTS", fault}};
         V4l2Client c(kNode);
         v4l2_capability cap;
         ASSERT_EQ(0, c.call(VIDIOC_QUERYCAP, &cap));
-        bool capture = std::strstr(spec, "no-capture") == nullptr;
-        bool streaming = std::strstr(spec, "no-streaming") == nullptr;
-        EXPECT_EQ(capture, (cap.capabilities & V4L2_CAP_VIDEO_CAPTURE) != 0) << spec;
-        EXPECT_EQ(streaming, (cap.capabilities & V4L2_CAP_STREAMING) != 0) << spec;
-        EXPECT_EQ(capture, (cap.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) << spec;
+        bool capture = std::strstr(fault, "no-capture") == nullptr;
+        bool streaming = std::strstr(fault, "no-streaming") == nullptr;
+        EXPECT_EQ(capture, (cap.capabilities & V4L2_CAP_VIDEO_CAPTURE) != 0) << fault;
+        EXPECT_EQ(streaming, (cap.capabilities & V4L2_CAP_STREAMING) != 0) << fault;
+        EXPECT_EQ(capture, (cap.device_caps & V4L2_CAP_VIDEO_CAPTURE) != 0) << fault;
     }
     {
         ScopedEnv faults{{"ORVO_VCAM_FAULTS", "QUERYBUF@2=bad-offset:1"}};

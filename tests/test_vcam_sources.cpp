@@ -218,7 +218,7 @@ TEST(VcamRaw, BadSourcesAreRefusedWithAClearMessage) {
     writeBytes(empty, {});
     writeBytes(odd, std::vector<uint8_t>(kFrame + 1));
     struct Case {
-        std::string spec, message;
+        std::string name, message;
     } cases[] = {
         {"raw:/nonexistent/x.raw", "'raw:/nonexistent/x.raw': cannot open the file: No such file or directory"},
         {"raw:" + empty, "'raw:" + empty + "': the file is empty"},
@@ -228,7 +228,7 @@ TEST(VcamRaw, BadSourcesAreRefusedWithAClearMessage) {
     };
     for (const Case& k : cases) {
         std::string error;
-        EXPECT_FALSE(orvo::vcam::makeFrameSource(k.spec, &error));
+        EXPECT_FALSE(orvo::vcam::makeFrameSource(k.name, &error));
         EXPECT_EQ(k.message, error);
     }
 

@@ -138,13 +138,13 @@ std::string parseEntry(const std::string& entry, Fault* f) {
 }  // namespace
 
 // Entries are separated by commas; blanks around an entry and empty entries are allowed.
-FaultPlan FaultPlan::parse(const std::string& spec, std::string* complaints) {
+FaultPlan FaultPlan::parse(const std::string& text, std::string* complaints) {
     FaultPlan plan;
     size_t start = 0;
-    while (start <= spec.size()) {
-        size_t end = spec.find(',', start);
-        if (end == std::string::npos) end = spec.size();
-        std::string entry = trim(spec.substr(start, end - start));
+    while (start <= text.size()) {
+        size_t end = text.find(',', start);
+        if (end == std::string::npos) end = text.size();
+        std::string entry = trim(text.substr(start, end - start));
         start = end + 1;
         if (entry.empty()) continue;
         Fault f;

@@ -38,7 +38,7 @@ class FaultPlan {
 public:
     // Parses a comma-separated list; each malformed entry is skipped and described by one line
     // appended to *complaints.
-    static FaultPlan parse(const std::string& spec, std::string* complaints);
+    static FaultPlan parse(const std::string& text, std::string* complaints);
 
     // The errno the call-th call of the target fails with, or 0.
     int errorFor(FaultTarget target, size_t request_slot, uint64_t call) const;

@@ -27,18 +27,18 @@ void putI16(uint8_t* p, int16_t v) {
 
 // "" gives the default scene, "pattern" the test pattern, "raw:FILE" a recording and
 // "scene:FILE" a rendered scene. Returns null and a message naming the problem otherwise.
-std::unique_ptr<FrameSource> makeFrameSource(const std::string& spec, std::string* error) {
+std::unique_ptr<FrameSource> makeFrameSource(const std::string& name, std::string* error) {
     std::string ignored;
     if (!error) error = &ignored;
-    if (spec.empty()) return makeDefaultSceneSource(error);
-    if (spec == "pattern") return makePatternSource();
-    if (startsWith(spec, "raw:")) return makeRawSource(spec.substr(4), error);
-    if (spec == "scene:") {
+    if (name.empty()) return makeDefaultSceneSource(error);
+    if (name == "pattern") return makePatternSource();
+    if (startsWith(name, "raw:")) return makeRawSource(name.substr(4), error);
+    if (name == "scene:") {
         *error = "'scene:' needs a file name (scene:FILE)";
         return nullptr;
     }
-    if (startsWith(spec, "scene:")) return makeSceneSource(spec.substr(6), error);
-    *error = "unknown source '" + spec + "' (expected pattern, raw:FILE or scene:FILE)";
+    if (startsWith(name, "scene:")) return makeSceneSource(name.substr(6), error);
+    *error = "unknown source '" + name + "' (expected pattern, raw:FILE or scene:FILE)";
     return nullptr;
 }
 

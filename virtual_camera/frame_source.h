@@ -43,7 +43,7 @@ public:
 
 // Builds the source named by ORVO_VCAM_SOURCE: "" (the built-in scene), "pattern",
 // "raw:FILE" or "scene:FILE". On failure returns null and sets *error.
-std::unique_ptr<FrameSource> makeFrameSource(const std::string& spec, std::string* error);
+std::unique_ptr<FrameSource> makeFrameSource(const std::string& name, std::string* error);
 
 // The inertial trailer as the camera writes it: up to 20 records, the frame time in the slot after
 // the last record, the count in the frame's last byte. Records beyond 20 are not written; with 20

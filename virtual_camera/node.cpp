@@ -253,13 +253,25 @@ int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nf
 
 }  // namespace
 
+// Set while this thread works inside the virtual camera under its lock (rendering a frame, loading
+// a scene). Whatever that work calls through the interposed entry points (OpenCV reading
+// /proc/meminfo when its thread pool starts, closing its own files) is not the client's and goes
+// straight to the C library, so it neither takes the lock again nor counts against the faults.
+thread_local int t_inside = 0;
+
+struct Inside {
+    Inside() { ++t_inside; }
+    ~Inside() { --t_inside; }
+};
+
 // Each open gets a new open file description of the session's memory, with its own flags, and
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
 // that the node, like a real one, gets the lowest free descriptor and costs exactly one.
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
-    if (!isNode(dirfd, path)) return false;
+    if (t_inside || !isNode(dirfd, path)) return false;
     Registry& reg = registry();
     std::lock_guard<std::mutex> lock(reg.mutex);
+    Inside inside;
     int anchor = anyDescriptor(reg), fresh = -1;
     if (!reg.device) {
         std::string error;
@@ -300,9 +312,10 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
 
 // Closing the node always closes the descriptor, even when an injected failure is reported.
 bool interceptClose(int fd, int* result) {
-    if (g_open_files.load() == 0) return false;
+    if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
     std::lock_guard<std::mutex> lock(reg.mutex);
+    Inside inside;
     OpenFile* file = findFile(reg, fd);
     if (!file) return false;
     int injected = reg.device->countClose();
@@ -323,9 +336,10 @@ bool interceptClose(int fd, int* result) {
 }
 
 bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
-    if (g_open_files.load() == 0) return false;
+    if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
     std::unique_lock<std::mutex> lock(reg.mutex);
+    Inside inside;
     OpenFile* found = findFile(reg, fd);
     if (!found) return false;
     OpenFile file = *found;
@@ -343,7 +357,8 @@ bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
 
 // The meminfo faults apply while a descriptor of the node is open.
 bool interceptFopen(const char* path, FILE** result) {
-    if (!path || std::strcmp(path, "/proc/meminfo") != 0 || g_open_files.load() == 0) return false;
+    if (t_inside || !path || std::strcmp(path, "/proc/meminfo") != 0 || g_open_files.load() == 0)
+        return false;
     Registry& reg = registry();
     bool hide = false;
     int error = 0;
@@ -363,7 +378,7 @@ bool interceptFopen(const char* path, FILE** result) {
 }
 
 bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result) {
-    if (g_open_files.load() == 0 || !fds) return false;
+    if (t_inside || g_open_files.load() == 0 || !fds) return false;
     Registry& reg = registry();
     std::unique_lock<std::mutex> lock(reg.mutex);
     if (!anyNode(reg, fds, nfds)) return false;
@@ -376,7 +391,7 @@ bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result)
 // select through poll: POLLERR counts as readable and writable, as the kernel's select has it.
 bool interceptSelect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout,
                      int* result) {
-    if (g_open_files.load() == 0 || nfds <= 0) return false;
+    if (t_inside || g_open_files.load() == 0 || nfds <= 0) return false;
     if (nfds > FD_SETSIZE) nfds = FD_SETSIZE;
     std::vector<pollfd> fds;
     for (int fd = 0; fd < nfds; ++fd) {

@@ -115,19 +115,19 @@ RigSpec fisheyeRigSpec() {
 
 // Builds the true model and rectifies it exactly as the library's builders will from the files
 // this rig writes, so that tests can compare against the ideal rectified cameras.
-Rig::Rig(const RigSpec& spec) : spec_(spec) {
-    K1 = cameraMatrix(spec.focal, spec.principal_left);
-    K2 = cameraMatrix(spec.focal, spec.principal_right);
-    D1 = distortion(spec.dist_left, spec.fisheye);
-    D2 = distortion(spec.dist_right, spec.fisheye);
-    cv::Rodrigues(cv::Mat(spec.rotation), R);
-    T = R * (cv::Mat_<double>(3, 1) << -spec.baseline, 0, 0);
-    if (spec.fisheye) {
-        cv::fisheye::stereoRectify(K1, D1, K2, D2, spec.size, R, T, R1, R2, P1, P2, Q,
-                                   cv::CALIB_ZERO_DISPARITY, spec.size, kFisheyeBalance,
+Rig::Rig(const RigSpec& params) : spec_(params) {
+    K1 = cameraMatrix(params.focal, params.principal_left);
+    K2 = cameraMatrix(params.focal, params.principal_right);
+    D1 = distortion(params.dist_left, params.fisheye);
+    D2 = distortion(params.dist_right, params.fisheye);
+    cv::Rodrigues(cv::Mat(params.rotation), R);
+    T = R * (cv::Mat_<double>(3, 1) << -params.baseline, 0, 0);
+    if (params.fisheye) {
+        cv::fisheye::stereoRectify(K1, D1, K2, D2, params.size, R, T, R1, R2, P1, P2, Q,
+                                   cv::CALIB_ZERO_DISPARITY, params.size, kFisheyeBalance,
                                    kFisheyeFovScale);
     } else {
-        cv::stereoRectify(K1, D1, K2, D2, spec.size, R, T, R1, R2, P1, P2, Q,
+        cv::stereoRectify(K1, D1, K2, D2, params.size, R, T, R1, R2, P1, P2, Q,
                           cv::CALIB_ZERO_DISPARITY, 0.0, cv::Size(0, 0), nullptr, nullptr);
     }
 }

@@ -30,9 +30,9 @@ RigSpec fisheyeRigSpec();
 // stereo calibration reports it.
 class Rig {
 public:
-    explicit Rig(const RigSpec& spec = RigSpec());
+    explicit Rig(const RigSpec& params = RigSpec());
 
-    const RigSpec& spec() const { return spec_; }
+    const RigSpec& params() const { return spec_; }
 
     // True lens models (CV_64F): camera matrices, distortion, R (3x3), T (3x1).
     cv::Mat K1, D1, K2, D2, R, T;

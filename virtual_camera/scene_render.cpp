@@ -305,7 +305,7 @@ SceneRenderer::SceneRenderer(const Scene& scene, const Rig& rig) {
         impl->centres[lens] = {c.x, c.y, c.z};
     }
     impl->settings = scene.render;
-    impl->pixel_angle = 1.0 / rig.spec().focal;
+    impl->pixel_angle = 1.0 / rig.params().focal;
     for (const SceneObject& o : scene.objects) impl->shapes.push_back(worldShape(o, scene.render));
     impl_ = impl;
 }

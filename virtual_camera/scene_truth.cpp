@@ -106,7 +106,7 @@ double nearestDepthInBox(const Scene& scene, const Rig& rig, const cv::Matx33d& 
     const double s = std::sin(box.tilt), k = std::cos(box.tilt);
     const cv::Matx33d tilt(1, 0, 0, 0, k, -s, 0, s, k);
     const cv::Matx33d to_search = tilt * rectified * world_from_camera.t();
-    const double centre = rig.spec().baseline / 2;
+    const double centre = rig.params().baseline / 2;
     const std::vector<Limit> limits = {{{1, 0, 0}, box.half_width - centre}, {{-1, 0, 0}, centre + box.half_width},
                             {{0, 1, 0}, box.height},              {{0, -1, 0}, 0},
                                        {{0, 0, 1}, -kMinDepth},              {{0, 0, -1}, box.max_depth}};

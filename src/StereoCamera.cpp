@@ -239,7 +239,8 @@ void StereoCamera::update(cv::Mat& first, cv::Mat& second, bool flip) {
 }
 
 // One frame: fresh copies of the two grey images, the trailer's decoded samples and the frame
-// time. A zero-length frame leaves every output untouched.
+// time. A zero-length frame leaves every output untouched; a frame too short to carry the trailer
+// gives the images, no samples, and leaves frame_time as it was.
 void StereoCamera::update_cam_imu(cv::Mat& first, cv::Mat& second, std::vector<ImuData>& imu,
                                   unsigned int& frame_time) {
     acquireFrame(*this);
@@ -257,6 +258,7 @@ void StereoCamera::update_cam_imu(cv::Mat& first, cv::Mat& second, std::vector<I
 
 // One frame, inertial samples only. The block is taken directly in front of the count byte, eight
 // bytes later than update_cam_imu takes it; applications written against this method rely on it.
+// Zero-length and too-short frames are handled as in update_cam_imu.
 void StereoCamera::update_imu_raw(std::vector<ImuData>& imu, unsigned int& frame_time) {
     acquireFrame(*this);
     if (frame_length == 0) {

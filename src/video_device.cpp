@@ -1,4 +1,5 @@
-// The capture class: opens the camera's V4L2 node, maps and queues its buffers, streams, and hands out frames.
+// The capture class: opens the camera's V4L2 node, maps and queues its buffers, streams, and hands
+// out frames.
 #include "video_device.h"
 
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "frame_format.h"
 
@@ -58,18 +60,18 @@ video_device::video_device(std::string path, int width_, int height_)
 }
 
 // Stops streaming, unmaps and closes. Unmapping uses buffer_length, the bytesused seen at setup; a
-// driver reports 0 there before any frame, so the unmapping fails and the mappings live on until the
-// process ends (the pages stay valid even after the node is closed).
+// driver reports 0 there before any frame, so the unmapping fails and the mappings live on until
+// the process ends (the pages stay valid even after the node is closed).
 video_device::~video_device() {
     if (video_enable(fd, 0) == -1) printf("stoping video streaming fail");
     for (int i = 0; i < buffer_count; ++i) munmap(buffers[i], buffer_length);
     if (close(fd) == -1) errno_exit("close");
 }
 
-// Dequeues the next filled buffer (blocking) and hands out the mapped buffer itself, no copy: *frame
-// points into the driver's memory and stays valid until unget_frame. Returns 0, or -1 after closing
-// the descriptor: a failed dequeue leaves the object dead (every later call fails). On EAGAIN the
-// descriptor is closed before the message, on other errors after it.
+// Dequeues the next filled buffer (blocking) and hands out the mapped buffer itself, no copy:
+// *frame points into the driver's memory and stays valid until unget_frame. Returns 0, or -1 after
+// closing the descriptor: a failed dequeue leaves the object dead (every later call fails). On
+// EAGAIN the descriptor is closed before the message, on other errors after it.
 int video_device::get_frame(unsigned char** frame, unsigned long* length) {
     if (frame == nullptr || length == nullptr) {
         printf("get_frame: null output pointer\n");
@@ -94,8 +96,8 @@ int video_device::get_frame(unsigned char** frame, unsigned long* length) {
 }
 
 // Requeues the buffer last handed out. Returns -1 without touching the device when none was ever
-// handed out; a refused requeue closes the descriptor (dead state) and returns -1. The index is kept
-// after success, so a second call requeues the same buffer again and the driver refuses it.
+// handed out; a refused requeue closes the descriptor (dead state) and returns -1. The index is
+// kept after success, so a second call requeues the same buffer again and the driver refuses it.
 int video_device::unget_frame() {
     if (current_index == -1) return -1;
     v4l2_buffer buf = mmapCaptureBuffer(uint32_t(current_index));
@@ -106,11 +108,12 @@ int video_device::unget_frame() {
 }
 
 // Opens `path`, checks it, sets the format, 30 frames per second and `count` buffers, maps them
-// into `bufs` and queues them. *out_fd receives the descriptor (also kept in `fd`). Returns 0, or -1
-// with a message; the descriptor is closed on the way out except when opening failed or an H264
+// into `bufs` and queues them. *out_fd receives the descriptor (also kept in `fd`). Returns 0, or
+// -1 with a message; the descriptor is closed on the way out except when opening failed or an H264
 // format was refused. Buffers already mapped are left mapped on failure.
 int video_device::camera_v4l2_setting(int* out_fd, unsigned int width_, unsigned int height_,
-                                      unsigned int fourcc, const char* path, int count, void** bufs) {
+                                      unsigned int fourcc, const char* path, int count,
+                                      void** bufs) {
     if (out_fd == nullptr || path == nullptr || bufs == nullptr || count > kBufferSlots) {
         printf("camera_v4l2_setting: bad arguments\n");
         return -1;
@@ -238,8 +241,8 @@ int video_device::video_set_format(int dev, unsigned int width_, unsigned int he
     return 0;
 }
 
-// Sets the fixed rate of 30 frames per second and reads the parameters back. Returns 0, or -1 with a
-// message naming the request that failed.
+// Sets the fixed rate of 30 frames per second and reads the parameters back. Returns 0, or -1 with
+// a message naming the request that failed.
 int video_device::video_set_framerate(int dev) {
     v4l2_streamparm parm;
     std::memset(&parm, 0, sizeof parm);
@@ -307,8 +310,8 @@ int video_device::video_enable(int dev, int on) {
     return xioctl(dev, on ? VIDIOC_STREAMON : VIDIOC_STREAMOFF, &type) == -1 ? -1 : 0;
 }
 
-// ioctl, reissued for as long as a signal interrupts it. Returns the final result; no other error is
-// retried.
+// ioctl, reissued for as long as a signal interrupts it. Returns the final result; no other error
+// is retried.
 int video_device::xioctl(int dev, unsigned long request, void* arg) {
     int r;
     do {

@@ -1,4 +1,5 @@
-// The capture class's pixel conversions: the stereo frame splitters and the packed 4:2:2 to BGR converter.
+// The capture class's pixel conversions: the stereo frame splitters and the packed 4:2:2 to BGR
+// converter.
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -24,7 +25,8 @@ uint8_t clampTruncated(double value) {
 }
 
 // One pixel from its luma and the pair's centred chroma; each term is one fused multiply-add, the
-// green u term before the v term. Red uses 1.042, the factor this camera's converter has always used.
+// green u term before the v term. Red uses 1.042, the factor this camera's converter has always
+// used.
 void writeBgr(int luma, double u, double v, uint8_t* out) {
     const double y = luma;
     out[0] = clampTruncated(std::fma(1.772, u, y));
@@ -37,7 +39,8 @@ void writeBgr(int luma, double u, double v, uint8_t* out) {
 // Splits the interleaved stereo frame: even source bytes to `first`, odd to `second`, size / 2
 // bytes each. Outputs must not overlap the source. Always returns 0; writes nothing when size < 2
 // or a pointer is null.
-int video_device::yuyv_2_lr_gray(const void* src, int size, unsigned char* first, unsigned char* second) {
+int video_device::yuyv_2_lr_gray(const void* src, int size, unsigned char* first,
+                                 unsigned char* second) {
     const size_t n = pairCount(size);
     if (n == 0 || src == nullptr || first == nullptr || second == nullptr) return 0;
     const auto* s = static_cast<const uint8_t*>(src);

@@ -1,5 +1,6 @@
-// Byte de-interleaving kernels behind the frame splitters: scalar, SSE2 and AVX2 forms of one definition.
-// Inline so that the tests can run every form on this machine, whichever the library dispatches to.
+// Byte de-interleaving kernels behind the frame splitters: scalar, SSE2 and AVX2 forms of one
+// definition. Inline so that the tests can run every form on this machine, whichever the library
+// dispatches to.
 #pragma once
 
 #include <immintrin.h>
@@ -68,13 +69,13 @@ inline void evenSse2(const uint8_t* src, size_t n, uint8_t* even) {
 // AVX2: the same 32 bytes of each output per step, in one 256-bit store. The 256-bit pack works per
 // 128-bit half, so its quarters come out as a0 b0 a1 b1 and are put back in order a0 a1 b0 b1.
 __attribute__((target("avx2"))) inline __m256i packEvenAvx2(__m256i a, __m256i b, __m256i low) {
-    return _mm256_permute4x64_epi64(_mm256_packus_epi16(_mm256_and_si256(a, low), _mm256_and_si256(b, low)),
-                                    0xD8);
+    return _mm256_permute4x64_epi64(
+        _mm256_packus_epi16(_mm256_and_si256(a, low), _mm256_and_si256(b, low)), 0xD8);
 }
 
 __attribute__((target("avx2"))) inline __m256i packOddAvx2(__m256i a, __m256i b) {
-    return _mm256_permute4x64_epi64(_mm256_packus_epi16(_mm256_srli_epi16(a, 8), _mm256_srli_epi16(b, 8)),
-                                    0xD8);
+    return _mm256_permute4x64_epi64(
+        _mm256_packus_epi16(_mm256_srli_epi16(a, 8), _mm256_srli_epi16(b, 8)), 0xD8);
 }
 
 __attribute__((target("avx2"))) inline void splitAvx2(const uint8_t* src, size_t n, uint8_t* even,

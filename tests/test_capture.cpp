@@ -1,6 +1,7 @@
-// Tests of the capture class on the virtual camera: every failure branch through injected faults, and a
-// healthy stream (pace, zero-copy hand-out, requeueing, no leaks).
+// Tests of the capture class on the virtual camera: every failure branch through injected faults,
+// and a healthy stream (pace, zero-copy hand-out, requeueing, no leaks).
 #include <fcntl.h>
+#include <sys/sysmacros.h>
 #include <linux/videodev2.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +18,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -34,22 +35,25 @@ const std::string kNode = "/dev/video-virtual0";
 const std::string kOpened = "Orvo Video Open Finish\n";
 const std::string kSetUp = kOpened + "Orvo Camera Setting OK \n";
 // What the destructor of a device whose descriptor was closed under it prints.
-const std::string kDeadTeardown = "stoping video streaming fail" + std::string("close error 9, Bad file descriptor\n");
+const std::string kDeadTeardown =
+    "stoping video streaming fail" + std::string("close error 9, Bad file descriptor\n");
 
 std::string errText(int e) { return std::to_string(e) + ", " + std::strerror(e); }
-std::string cannotOpen(const std::string& path, int e) { return "Cannot open '" + path + "': " + errText(e) + "\n"; }
+std::string cannotOpen(const std::string& path, int e) {
+    return "Cannot open '" + path + "': " + errText(e) + "\n";
+}
 std::string cannotIdentify(const std::string& path, int e) {
     return "Cannot identify '" + path + "': " + errText(e) + "\n";
 }
 
-void useVcam(const std::string& faults, const char* fps = "0", const std::string& source = "") {
+// The capture class is tested on the cheap test pattern; the rendered default scene would add
+// the renderer's own threads and caches to the descriptor and mapping counts.
+void useVcam(const std::string& faults, const char* fps = "0",
+             const std::string& source = "pattern") {
     setenv("ORVO_VCAM_DEVICE", kNode.c_str(), 1);
     setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
     setenv("ORVO_VCAM_FPS", fps, 1);
-    if (source.empty())
-        unsetenv("ORVO_VCAM_SOURCE");
-    else
-        setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
+    setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
 }
 
 int nextFreeFd() {
@@ -73,13 +77,41 @@ std::vector<std::string> mapsLines() {
     return lines;
 }
 
-bool isMapped(const void* p) {
+// Permissions of the mapping holding p ("r--s" for a read-only shared mapping), or "" if unmapped.
+std::string mappingPerms(const void* p) {
     auto a = reinterpret_cast<uintptr_t>(p);
     for (const std::string& l : mapsLines()) {
         unsigned long lo = 0, hi = 0;
-        if (std::sscanf(l.c_str(), "%lx-%lx", &lo, &hi) == 2 && a >= lo && a < hi) return true;
+        char perms[5] = {};
+        if (std::sscanf(l.c_str(), "%lx-%lx %4s", &lo, &hi, perms) == 3 && a >= lo && a < hi)
+            return perms;
     }
-    return false;
+    return "";
+}
+
+bool isMapped(const void* p) { return !mappingPerms(p).empty(); }
+
+// Number of mappings of the file behind descriptor `fd` (the camera's buffer memory).
+struct FileId {
+    unsigned major_ = 0, minor_ = 0;
+    unsigned long inode = 0;
+};
+
+FileId fileOf(int fd) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0) return {};
+    return {major(st.st_dev), minor(st.st_dev), st.st_ino};
+}
+
+int mappingsOf(const FileId& id) {
+    int n = 0;
+    for (const std::string& l : mapsLines()) {
+        unsigned maj = 0, min = 0;
+        unsigned long inode = 0;
+        if (std::sscanf(l.c_str(), "%*x-%*x %*4s %*x %x:%x %lu", &maj, &min, &inode) == 3)
+            n += maj == id.major_ && min == id.minor_ && inode == id.inode;
+    }
+    return n;
 }
 
 // A child run whose facts come back through a pipe, so that its standard output stays exactly the
@@ -90,14 +122,14 @@ struct ChildRun {
 };
 
 class Report {
-public:
+  public:
     explicit Report(int fd) : fd_(fd) {}
     void operator()(const std::string& key, long value) {
         std::string line = key + "=" + std::to_string(value) + " ";
         if (write(fd_, line.data(), line.size()) < 0) std::abort();
     }
 
-private:
+  private:
     int fd_;
 };
 
@@ -117,41 +149,73 @@ ChildRun inChild(const std::function<void(Report&)>& fn) {
 }
 
 long reported(const std::string& report, const std::string& key) {
-    std::smatch m;
-    if (!std::regex_search(report, m, std::regex("(^| )" + key + "=(-?[0-9]+) "))) return -999;
-    return std::stol(m[2]);
+    const std::string token = key + "=";
+    for (size_t at = report.find(token); at != std::string::npos; at = report.find(token, at + 1))
+        if (at == 0 || report[at - 1] == ' ') return std::stol(report.substr(at + token.size()));
+    return -999;
 }
 
-// Constructs the device in a child under `faults`; reports the descriptor the node will get.
+// Constructs the device in a child under `faults`.
 ChildRun constructInChild(const std::string& faults, const std::string& path = kNode) {
     return inChild([&](Report& r) {
         useVcam(faults);
-        r("fd", nextFreeFd());
         video_device dev(path, orvo::frame::kWidth, orvo::frame::kHeight);
         r("constructed", 1);
     });
 }
 
-// `expected` may hold {FD} (the node's descriptor) and {E} (an errno value and its text, left to
-// whatever the last system call set; every {E} in one text must be the same value).
-void expectOutput(const std::string& expected, const ChildRun& run) {
-    std::string want = std::regex_replace(expected, std::regex("\\{FD\\}"), std::to_string(reported(run.report, "fd")));
-    if (want.find("{E}") == std::string::npos) {
-        EXPECT_EQ(run.io.out, want);
-        return;
-    }
-    std::string pattern;
-    for (char c : want) pattern += std::strchr("\\^$.|?*+()[]{}", c) ? std::string("\\") + c : std::string(1, c);
-    pattern = std::regex_replace(pattern, std::regex("\\\\\\{E\\\\\\}"), "(-?[0-9]+), ([^\\n]*)");
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(run.io.out, m, std::regex(pattern))) << "stdout was:\n" << run.io.out;
-    for (size_t i = 1; i + 1 < m.size(); i += 2) {
-        EXPECT_EQ(m[i].str(), m[1].str());
-        EXPECT_EQ(m[i + 1].str(), std::strerror(std::stoi(m[i])));
-    }
+// Reads a decimal number at `at`; false if there is none.
+bool readNumber(const std::string& text, size_t& at, int& value) {
+    size_t start = at;
+    if (at < text.size() && text[at] == '-') ++at;
+    while (at < text.size() && std::isdigit(static_cast<unsigned char>(text[at]))) ++at;
+    if (at == start || text[at - 1] == '-') return false;
+    value = std::stoi(text.substr(start, at - start));
+    return true;
 }
 
-// ---- construction ---------------------------------------------------------------------------------
+// `expected` may hold {FD} (a descriptor number above 2: the virtual camera may hold descriptors of
+// its own, so the node's number is checked exactly where the test knows it) and {E} (an errno
+// value and its text, left to whatever the last system call set; every {E} in one text must be
+// the same value). Returns "" or what differs.
+std::string compareOutput(const std::string& expected, const std::string& actual) {
+    size_t e = 0, a = 0;
+    int firstErrno = -1;
+    while (e < expected.size()) {
+        if (expected.compare(e, 4, "{FD}") == 0) {
+            int fd = -1;
+            if (!readNumber(actual, a, fd) || fd < 3)
+                return "no descriptor number at " + std::to_string(a);
+            e += 4;
+        } else if (expected.compare(e, 3, "{E}") == 0) {
+            int err = -1;
+            if (!readNumber(actual, a, err)) return "no errno at " + std::to_string(a);
+            if (firstErrno == -1) firstErrno = err;
+            if (err != firstErrno)
+                return "errno " + std::to_string(err) + " after " + std::to_string(firstErrno);
+            const std::string text = std::string(", ") + std::strerror(err);
+            if (actual.compare(a, text.size(), text) != 0)
+                return "errno text at " + std::to_string(a);
+            a += text.size();
+            e += 3;
+        } else {
+            if (a >= actual.size() || actual[a] != expected[e])
+                return "differs at " + std::to_string(a);
+            ++a, ++e;
+        }
+    }
+    return a == actual.size() ? "" : "extra output at " + std::to_string(a);
+}
+
+void expectOutput(const std::string& expected, const ChildRun& run) {
+    if (expected.find('{') == std::string::npos)
+        EXPECT_EQ(run.io.out, expected);
+    else
+        EXPECT_EQ(compareOutput(expected, run.io.out), "") << "stdout was:\n" << run.io.out;
+}
+
+// ---- construction
+// ---------------------------------------------------------------------------------
 
 struct ConstructionCase {
     const char* faults;
@@ -161,27 +225,45 @@ struct ConstructionCase {
 TEST(CaptureConstruction, EveryRefusalEndsTheProcessWithItsMessages) {
     const std::string& n = kNode;
     const std::vector<ConstructionCase> cases = {
-        {"QUERYCAP=EINVAL", n + " is no V4L2 device\n" + cannotIdentify(n, EINVAL) + cannotOpen(n, EINVAL)},
-        {"QUERYCAP=EIO", "VIDIOC_QUERYCAP error 5, Input/output error\n" + cannotIdentify(n, EIO) + cannotOpen(n, EIO)},
-        {"caps=no-capture", n + " is no video capture device\nCannot identify '" + n + "': {E}\nCannot open '" + n + "': {E}\n"},
-        {"caps=no-streaming",
-         n + " does not support streaming i/o\nCannot identify '" + n + "': {E}\nCannot open '" + n + "': {E}\n"},
+        {"QUERYCAP=EINVAL",
+         n + " is no V4L2 device\n" + cannotIdentify(n, EINVAL) + cannotOpen(n, EINVAL)},
+        {"QUERYCAP=EIO", "VIDIOC_QUERYCAP error 5, Input/output error\n" + cannotIdentify(n, EIO) +
+                             cannotOpen(n, EIO)},
+        {"caps=no-capture", n + " is no video capture device\nCannot identify '" + n +
+                                "': {E}\nCannot open '" + n + "': {E}\n"},
+        {"caps=no-streaming", n + " does not support streaming i/o\nCannot identify '" + n +
+                                  "': {E}\nCannot open '" + n + "': {E}\n"},
         {"open=EBUSY", cannotOpen(n, EBUSY) + cannotIdentify(n, EBUSY) + cannotOpen(n, EBUSY)},
-        {"S_FMT=EINVAL", kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
-        {"S_PARM=EINVAL", kOpened + "VIDIOC_S_PARM error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
-        {"G_PARM=EIO", kOpened + "VIDIOC_G_PARM error 5, Input/output error\n" + cannotOpen(n, EIO)},
-        {"G_PARM@2=ENOTTY", kOpened + "VIDIOC_G_PARM error 25, Inappropriate ioctl for device\n" + cannotOpen(n, ENOTTY)},
+        // Cropping is optional: a refused capability query skips the crop request, so the third
+        // request is the format.
+        {"CROPCAP=ENOTTY,ioctl@3=EIO:1",
+         kOpened + "VIDIOC_S_FMT error 5, Input/output error\n" + cannotOpen(n, EIO)},
+        {"S_FMT=EINVAL",
+         kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
+        {"S_PARM=EINVAL",
+         kOpened + "VIDIOC_S_PARM error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
+        {"G_PARM=EIO",
+         kOpened + "VIDIOC_G_PARM error 5, Input/output error\n" + cannotOpen(n, EIO)},
+        {"G_PARM@2=ENOTTY", kOpened + "VIDIOC_G_PARM error 25, Inappropriate ioctl for device\n" +
+                                cannotOpen(n, ENOTTY)},
         {"meminfo=no-memfree", kOpened + "Cannot open '" + n + "': {E}\n"},
         {"meminfo=unreadable", kOpened + "/proc/meminfo can't open\n" + cannotOpen(n, EACCES)},
-        {"REQBUFS=EINVAL", kOpened + "{FD} does not support memory mapping\n" + cannotOpen(n, EINVAL)},
-        {"REQBUFS=EIO", kOpened + "VIDIOC_REQBUFS error 5, Input/output error\n" + cannotOpen(n, EIO)},
-        {"REQBUFS=grant:1", kOpened + "Insufficient buffer memory on {FD}\nCannot open '" + n + "': {E}\n"},
-        {"REQBUFS=grant:0", kOpened + "Insufficient buffer memory on {FD}\nCannot open '" + n + "': {E}\n"},
+        {"REQBUFS=EINVAL",
+         kOpened + "{FD} does not support memory mapping\n" + cannotOpen(n, EINVAL)},
+        {"REQBUFS=EIO",
+         kOpened + "VIDIOC_REQBUFS error 5, Input/output error\n" + cannotOpen(n, EIO)},
+        {"REQBUFS=grant:1",
+         kOpened + "Insufficient buffer memory on {FD}\nCannot open '" + n + "': {E}\n"},
+        {"REQBUFS=grant:0",
+         kOpened + "Insufficient buffer memory on {FD}\nCannot open '" + n + "': {E}\n"},
         // Two buffers are accepted; the setup still maps six, and the driver refuses index 2.
-        {"REQBUFS=grant:2", kOpened + "VIDIOC_QUERYBUF error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
-        {"QUERYBUF=EIO", kOpened + "VIDIOC_QUERYBUF error 5, Input/output error\n" + cannotOpen(n, EIO)},
+        {"REQBUFS=grant:2",
+         kOpened + "VIDIOC_QUERYBUF error 22, Invalid argument\n" + cannotOpen(n, EINVAL)},
+        {"QUERYBUF=EIO",
+         kOpened + "VIDIOC_QUERYBUF error 5, Input/output error\n" + cannotOpen(n, EIO)},
         {"QUERYBUF=bad-offset", kOpened + "Unable to map buffer 0 (22)\n" + cannotOpen(n, EINVAL)},
-        {"QUERYBUF@4=bad-offset", kOpened + "Unable to map buffer 3 (22)\n" + cannotOpen(n, EINVAL)},
+        {"QUERYBUF@4=bad-offset",
+         kOpened + "Unable to map buffer 3 (22)\n" + cannotOpen(n, EINVAL)},
         {"QBUF@3=EIO", kOpened + "VIDIOC_QBUF error 5, Input/output error\n" + cannotOpen(n, EIO)},
         {"STREAMON=EIO", kSetUp + "starting video streaming fail"},
     };
@@ -199,18 +281,24 @@ TEST(CaptureConstruction, NodesThatAreNotCameras) {
     // A path that does not exist.
     const std::string missing = "/nonexistent/orvo-video9";
     ChildRun run = constructInChild("", missing);
-    EXPECT_EQ(run.io.out, cannotOpen(missing, ENOENT) + cannotIdentify(missing, ENOENT) + cannotOpen(missing, ENOENT));
+    EXPECT_EQ(run.io.out, cannotOpen(missing, ENOENT) + cannotIdentify(missing, ENOENT) +
+                              cannotOpen(missing, ENOENT));
     EXPECT_EQ(run.io.exit_status, 1);
-    // A real character device that is no V4L2 node: the kernel answers the capability query with ENOTTY.
+    // A real character device that is no V4L2 node: the kernel answers the capability query with
+    // ENOTTY.
     run = constructInChild("", "/dev/null");
     EXPECT_EQ(run.io.out, "VIDIOC_QUERYCAP error 25, Inappropriate ioctl for device\n" +
-                              cannotIdentify("/dev/null", ENOTTY) + cannotOpen("/dev/null", ENOTTY));
+                              cannotIdentify("/dev/null", ENOTTY) +
+                              cannotOpen("/dev/null", ENOTTY));
     EXPECT_EQ(run.io.exit_status, 1);
     EXPECT_EQ(run.io.err, "");
 }
 
-TEST(CaptureConstruction, InterruptedRequestsAreReissued) {
-    for (const char* faults : {"ioctl=EINTR:3", "S_PARM=EINTR:2,REQBUFS=EINTR:1,STREAMON=EINTR:4", "QBUF@2=EINTR:3"}) {
+TEST(CaptureConstruction, InterruptedOrOptionalRequests) {
+    // Refused crop requests are not failures either.
+    for (const char* faults :
+         {"ioctl=EINTR:3", "S_PARM=EINTR:2,REQBUFS=EINTR:1,STREAMON=EINTR:4", "QBUF@2=EINTR:3",
+          "DQBUF=EINTR:2", "CROPCAP=ENOTTY", "S_CROP=EINVAL"}) {
         SCOPED_TRACE(faults);
         ChildRun run = inChild([&](Report& r) {
             useVcam(faults);
@@ -241,10 +329,12 @@ TEST(CaptureConstruction, DescriptorsLeftOpenOrClosedOnRefusal) {
     const std::vector<Case> cases = {
         {"QUERYCAP@2=EINVAL", 0, false, kNode + " is no V4L2 device\n", "", 1},
         {"QUERYCAP@2=EIO", 0, false, "VIDIOC_QUERYCAP error 5, Input/output error\n", "", 1},
-        {"S_FMT@2=EINVAL", yuyv, true, kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n", "", 0},
+        {"S_FMT@2=EINVAL", yuyv, true, kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n", "",
+         0},
         {"S_FMT@2=EINVAL", h264, true, kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n",
          " === Set Format Failed : skip for H264 ===  \n", 1},
-        {"S_PARM@2=EINVAL", h264, true, kOpened + "VIDIOC_S_PARM error 22, Invalid argument\n", "", 0},
+        // Without a fault the driver refuses a format change while buffers are allocated.
+        {"", yuyv, true, kOpened + "VIDIOC_S_FMT error 16, Device or resource busy\n", "", 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.faults) + (c.fourcc == h264 ? " H264" : ""));
@@ -259,7 +349,8 @@ TEST(CaptureConstruction, DescriptorsLeftOpenOrClosedOnRefusal) {
             if (c.viaSetting) {
                 int out_fd = -7;
                 void* spare[16] = {};
-                rc = dev.camera_v4l2_setting(&out_fd, 752, 480, c.fourcc, kNode.c_str(), 6, spare);
+                rc = dev.camera_v4l2_setting(&out_fd, orvo::frame::kWidth, orvo::frame::kHeight,
+                                             c.fourcc, kNode.c_str(), 6, spare);
                 r("out_fd_is_second", out_fd == second);
                 r("member_fd_is_second", dev.fd == second);
             } else {
@@ -282,7 +373,26 @@ TEST(CaptureConstruction, DescriptorsLeftOpenOrClosedOnRefusal) {
     }
 }
 
-// ---- frames and the dead state ----------------------------------------------------------------------
+// The buffer-request message names the descriptor, not the path: driven here on the streaming
+// device's own descriptor, whose number the test knows. (A grant refused on a streaming queue would
+// meet the driver's EBUSY first, so the grant message is judged by the construction cases above.)
+TEST(CaptureConstruction, BufferRequestMessageNamesTheDescriptor) {
+    ChildRun run = inChild([&](Report& r) {
+        useVcam("REQBUFS@2=EINVAL");
+        video_device dev(kNode, orvo::frame::kWidth, orvo::frame::kHeight);
+        std::fflush(stdout);
+        if (ftruncate(1, 0) != 0 || lseek(1, 0, SEEK_SET) != 0) std::abort();
+        r("fd", dev.fd);
+        r("rc", dev.video_reqbufs(dev.fd, 6));
+        std::fflush(stdout);
+    });
+    EXPECT_EQ(run.io.out,
+              std::to_string(reported(run.report, "fd")) + " does not support memory mapping\n");
+    EXPECT_EQ(reported(run.report, "rc"), -1);
+}
+
+// ---- frames and the dead state
+// ----------------------------------------------------------------------
 
 // Dequeue failures close the node: on EAGAIN before the message, otherwise after it. With the
 // close itself failing (EIO), the errno the message shows tells which came first.
@@ -317,7 +427,8 @@ TEST(CaptureFrames, FailedDequeueLeavesADeadDevice) {
         std::string afterwards = "VIDIOC_DQBUF error 9, Bad file descriptor\n";
         std::string okCalls;
         for (int i = 0; i < c.okFrames; ++i) okCalls += "get=0 unget=0 ";
-        if (c.okFrames > 0) afterwards += "VIDIOC_QBUF error 9, Bad file descriptor\n";  // the held index
+        if (c.okFrames > 0)
+            afterwards += "VIDIOC_QBUF error 9, Bad file descriptor\n";  // the held index
         EXPECT_EQ(run.io.out, kSetUp + c.failure + afterwards + kDeadTeardown);
         EXPECT_EQ(run.io.err, "");
         EXPECT_EQ(run.io.exit_status, 0);
@@ -367,9 +478,10 @@ TEST(CaptureFrames, TeardownFailuresAreReportedAndSurvived) {
     EXPECT_EQ(run.io.err, "");
 }
 
-// ---- a healthy stream, in this process ----------------------------------------------------------------
+// ---- a healthy stream, in this process
+// ----------------------------------------------------------------
 
-std::unique_ptr<video_device> openCamera(const char* fps, const std::string& source = "") {
+std::unique_ptr<video_device> openCamera(const char* fps, const std::string& source = "pattern") {
     useVcam("", fps, source);
     std::unique_ptr<video_device> dev;
     Captured c = orvo_test::captureOutput(
@@ -398,7 +510,8 @@ TEST(CaptureStream, FramesArriveAtTheRequestedPace) {
         EXPECT_EQ(len, kBytes);
         ASSERT_EQ(dev->unget_frame(), 0);
     }
-    double meanMs = std::chrono::duration<double, std::milli>(at.back() - at.front()).count() / 15.0;
+    double meanMs =
+        std::chrono::duration<double, std::milli>(at.back() - at.front()).count() / 15.0;
     std::printf("mean frame interval at 30 fps: %.2f ms\n", meanMs);
     EXPECT_GT(meanMs, 30.0);
     EXPECT_LT(meanMs, 45.0);
@@ -415,7 +528,8 @@ TEST(CaptureStream, HandsOutTheMappedBuffersInOrder) {
     ASSERT_GE(tmp, 0);
     std::vector<std::vector<uint8_t>> recorded(kFrames, std::vector<uint8_t>(kBytes));
     for (int f = 0; f < kFrames; ++f) {
-        for (size_t i = 0; i < kBytes; ++i) recorded[size_t(f)][i] = uint8_t((i * 131 + size_t(f) * 29 + i / 997) & 0xFF);
+        for (size_t i = 0; i < kBytes; ++i)
+            recorded[size_t(f)][i] = uint8_t((i * 131 + size_t(f) * 29 + i / 997) & 0xFF);
         ASSERT_EQ(write(tmp, recorded[size_t(f)].data(), kBytes), ssize_t(kBytes));
     }
     close(tmp);
@@ -432,6 +546,8 @@ TEST(CaptureStream, HandsOutTheMappedBuffersInOrder) {
     EXPECT_TRUE(frameIs(held, 0));
     const int heldIndex = dev->current_index;
     EXPECT_EQ(dev->buffers[heldIndex], held);
+    for (int i = 0; i < dev->buffer_count; ++i)
+        EXPECT_EQ(mappingPerms(dev->buffers[i]), "r--s") << i;
     std::vector<const unsigned char*> seen;
     for (int k = 1; k <= 20; ++k) {
         unsigned char* data = nullptr;
@@ -456,8 +572,11 @@ TEST(CaptureStream, ThousandFramesLeakNothingButTheKeptMappings) {
     const size_t mapsBefore = mapsLines().size();
     auto dev = openCamera("0");
     ASSERT_TRUE(dev);
-    EXPECT_EQ(countOpenFds(), fdsBefore + 1);
-    EXPECT_EQ(dev->buffer_length, 0u);  // bytesused of a buffer never filled
+    const FileId memory = fileOf(dev->fd);
+    EXPECT_GE(mappingsOf(memory), 6);
+    const int fdsStreaming = countOpenFds();
+    EXPECT_GE(fdsStreaming, fdsBefore + 1);  // the node, and whatever the virtual camera keeps
+    EXPECT_EQ(dev->buffer_length, 0u);       // bytesused of a buffer never filled
     const size_t mapsStreaming = mapsLines().size();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 1000; ++i) {
@@ -467,17 +586,25 @@ TEST(CaptureStream, ThousandFramesLeakNothingButTheKeptMappings) {
         ASSERT_EQ(len, kBytes);
         ASSERT_EQ(dev->unget_frame(), 0) << i;
     }
-    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double s =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("1000 free-running frames: %.1f frames/s\n", 1000 / s);
     EXPECT_EQ(mapsLines().size(), mapsStreaming);
-    EXPECT_EQ(countOpenFds(), fdsBefore + 1);
+    EXPECT_EQ(countOpenFds(), fdsStreaming);
 
     std::vector<void*> kept(dev->buffers, dev->buffers + dev->buffer_count);
     Captured c = orvo_test::captureOutput([&] { dev.reset(); });
     EXPECT_EQ(c.out, "");
     EXPECT_EQ(countOpenFds(), fdsBefore);
-    // Unmapping with a length of 0 fails, so the six mappings outlive the device; nothing else does.
+    // Unmapping with a length of 0 fails, so the six mappings of the camera's memory outlive the
+    // device; nothing else does (the sanitizers' allocator maps and unmaps on its own, so the
+    // overall count is only judged without them).
+    EXPECT_EQ(mappingsOf(memory), 6);
+#ifndef __SANITIZE_ADDRESS__
     EXPECT_EQ(mapsLines().size(), mapsBefore + 6);
+#else
+    (void)mapsBefore;
+#endif
     for (void* p : kept) EXPECT_TRUE(isMapped(p));
 }
 

@@ -302,10 +302,14 @@ TEST(EngineTrailer, ZeroLengthFramesLeaveTheOutputsUntouched) {
         const uchar *first_data = first.data, *second_data = second.data;
         std::vector<ImuData> imu{ImuData{42, 1, 2, 3, 4, 5, 6}};
         unsigned int frame_time = 4242;
-        for (int i = 0; i < 3; ++i) {
-            e->update_cam_imu(first, second, imu, frame_time);
-            e->update_imu_raw(imu, frame_time);
-        }
+        // More calls than buffers: each one must be handed back to the driver.
+        auto c = orvo_test::captureOutput([&] {
+            for (int i = 0; i < 8; ++i) {
+                e->update_cam_imu(first, second, imu, frame_time);
+                e->update_imu_raw(imu, frame_time);
+            }
+        });
+        EXPECT_EQ(c.out, "");
         EXPECT_EQ(first.data, first_data);
         EXPECT_EQ(second.data, second_data);
         EXPECT_EQ(first.at<uchar>(1, 1), 7);

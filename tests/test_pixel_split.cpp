@@ -45,11 +45,16 @@ void referenceSplit(const uint8_t* src, int size, Bytes& even, Bytes& odd) {
 // bytes past a 64-byte boundary inside a random background; after a call every byte of the output
 // areas and of the guards around them must equal the background with the reference written in.
 class SplitChecker {
-public:
+  public:
     explicit SplitChecker(const Bytes& pool)
-        : pool_(pool), background_(randomBytes(kSpan, 5)), src_(kSpan + 64), a_(kSpan + 64), b_(kSpan + 64) {}
+        : pool_(pool),
+          background_(randomBytes(kSpan, 5)),
+          src_(kSpan + 64),
+          a_(kSpan + 64),
+          b_(kSpan + 64) {}
 
-    std::string check(const SplitFn& fn, int size, size_t sa, size_t da, size_t db, bool judgeOdd = true) {
+    std::string check(const SplitFn& fn, int size, size_t sa, size_t da, size_t db,
+                      bool judgeOdd = true) {
         uint8_t* s = place(src_, sa);
         uint8_t* a = place(a_, da);
         uint8_t* b = place(b_, db);
@@ -57,21 +62,26 @@ public:
         const size_t n = size > 1 ? size_t(size / 2) : 0;
         fn(s, size, a, b);
         for (size_t i = 0; i < n; ++i)
-            if (a[i] != s[2 * i] || (judgeOdd && b[i] != s[2 * i + 1])) return describe("value", size, sa, da, db, i);
+            if (a[i] != s[2 * i] || (judgeOdd && b[i] != s[2 * i + 1]))
+                return describe("value", size, sa, da, db, i);
         if (!guardsIntact(a, da, n)) return describe("first guard", size, sa, da, db, n);
-        if (judgeOdd && !guardsIntact(b, db, n)) return describe("second guard", size, sa, da, db, n);
-        if (std::memcmp(s, pool_.data() + sa, size_t(size)) != 0) return describe("source", size, sa, da, db, 0);
+        if (judgeOdd && !guardsIntact(b, db, n))
+            return describe("second guard", size, sa, da, db, n);
+        if (std::memcmp(s, pool_.data() + sa, size_t(size)) != 0)
+            return describe("source", size, sa, da, db, 0);
         return "";
     }
 
-private:
+  private:
     static constexpr size_t kSpan = kGuard + kAlignments + kMaxSize + kGuard;
 
     uint8_t* place(Bytes& buf, size_t align) {
         std::memcpy(buf.data() + skew(buf), background_.data(), kSpan);
         return buf.data() + skew(buf) + kGuard + align;
     }
-    static size_t skew(const Bytes& buf) { return (64 - reinterpret_cast<uintptr_t>(buf.data()) % 64) % 64; }
+    static size_t skew(const Bytes& buf) {
+        return (64 - reinterpret_cast<uintptr_t>(buf.data()) % 64) % 64;
+    }
 
     // The guard before the area and the bytes after its n written ones still hold the background.
     bool guardsIntact(const uint8_t* area, size_t align, size_t n) const {
@@ -80,9 +90,11 @@ private:
                std::memcmp(area + n, bg + n, kMaxSize / 2 + kGuard - n) == 0;
     }
 
-    static std::string describe(const char* what, int size, size_t sa, size_t da, size_t db, size_t at) {
-        return std::string(what) + " wrong at " + std::to_string(at) + ": size " + std::to_string(size) +
-               " src+" + std::to_string(sa) + " first+" + std::to_string(da) + " second+" + std::to_string(db);
+    static std::string describe(const char* what, int size, size_t sa, size_t da, size_t db,
+                                size_t at) {
+        return std::string(what) + " wrong at " + std::to_string(at) + ": size " +
+               std::to_string(size) + " src+" + std::to_string(sa) + " first+" +
+               std::to_string(da) + " second+" + std::to_string(db);
     }
 
     const Bytes& pool_;
@@ -100,7 +112,9 @@ std::vector<Form> allForms() {
     using namespace orvo::yuyv;
     return {
         {"public",
-         [](const uint8_t* s, int n, uint8_t* a, uint8_t* b) { video_device::yuyv_2_lr_gray(s, n, a, b); },
+         [](const uint8_t* s, int n, uint8_t* a, uint8_t* b) {
+             video_device::yuyv_2_lr_gray(s, n, a, b);
+         },
          [](const uint8_t* s, int n, uint8_t* a) { video_device::yuyv_2_y_gray(s, n, a); }, true},
         {"sse2",
          [](const uint8_t* s, int n, uint8_t* a, uint8_t* b) { splitSse2(s, size_t(n / 2), a, b); },
@@ -130,11 +144,13 @@ TEST(PixelSplit, EverySizeAndAlignmentMatchesTheDefinition) {
         // Every size at every source alignment, the output alignments varying with them.
         for (int size = 0; size <= kMaxSize; ++size)
             for (size_t sa = 0; sa < kAlignments; ++sa)
-                run(size, sa, (size_t(size) + 3 * sa) % kAlignments, (size_t(size) * 7 + sa + 13) % kAlignments);
+                run(size, sa, (size_t(size) + 3 * sa) % kAlignments,
+                    (size_t(size) * 7 + sa + 13) % kAlignments);
         // Every combination of the three alignments over the sizes around the vector widths.
         for (int size = 0; size <= 200; ++size)
             for (size_t sa = 0; sa < kAlignments; ++sa)
-                for (size_t da = 0; da < kAlignments; ++da) run(size, sa, da, (da + sa + size_t(size)) % kAlignments);
+                for (size_t da = 0; da < kAlignments; ++da)
+                    run(size, sa, da, (da + sa + size_t(size)) % kAlignments);
     }
 }
 
@@ -145,7 +161,8 @@ TEST(PixelSplit, SmallAndDegenerateSizes) {
         EXPECT_EQ(video_device::yuyv_2_lr_gray(src, size, nullptr, nullptr), 0) << size;
         EXPECT_EQ(video_device::yuyv_2_y_gray(src, size, nullptr), 0) << size;
     }
-    uint8_t a[4] = {0xEE, 0xEE, 0xEE, 0xEE}, b[4] = {0xEE, 0xEE, 0xEE, 0xEE}, y[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    uint8_t a[4] = {0xEE, 0xEE, 0xEE, 0xEE}, b[4] = {0xEE, 0xEE, 0xEE, 0xEE},
+            y[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     EXPECT_EQ(video_device::yuyv_2_lr_gray(src, 5, a, b), 0);
     EXPECT_EQ(video_device::yuyv_2_y_gray(src, 5, y), 0);
     EXPECT_EQ(Bytes(a, a + 4), (Bytes{10, 12, 0xEE, 0xEE}));
@@ -167,7 +184,8 @@ TEST(PixelSplit, WholeCameraFrame) {
         frame[size_t(2 * i + 1)] = uint8_t(255 - i);
     }
     Bytes first(kPixels + 1, 0x5A), second(kPixels + 1, 0x5A), even, odd;
-    ASSERT_EQ(video_device::yuyv_2_lr_gray(frame.data(), int(kBytes), first.data(), second.data()), 0);
+    ASSERT_EQ(video_device::yuyv_2_lr_gray(frame.data(), int(kBytes), first.data(), second.data()),
+              0);
     referenceSplit(frame.data(), int(kBytes), even, odd);
     EXPECT_TRUE(std::equal(even.begin(), even.end(), first.begin()));
     EXPECT_TRUE(std::equal(odd.begin(), odd.end(), second.begin()));
@@ -180,7 +198,8 @@ TEST(PixelSplit, WholeCameraFrame) {
     EXPECT_EQ(second[size_t(kWidth) * (kHeight - 1) + kWidth - 1], frame[kBytes - 1]);
 }
 
-// ---- packed 4:2:2 to B, G, R -----------------------------------------------------------------------
+// ---- packed 4:2:2 to B, G, R
+// -----------------------------------------------------------------------
 
 constexpr size_t kRgbSrc = 640 * 480 * 2;
 constexpr size_t kRgbOut = 640 * 480 * 3;
@@ -191,8 +210,10 @@ int clampByte(long v) { return v < 0 ? 0 : v > 255 ? 255 : int(v); }
 // Truncation toward zero of (scaled / divisor), computed in integers.
 long truncDiv(long scaled, long divisor) { return scaled / divisor; }
 
-// B, G, R of one pixel in exact rational arithmetic. Away from the one (u, v) pair whose green
-// value lands exactly on an integer (see below), double precision truncates to the same integers.
+// B, G, R of one pixel in exact rational arithmetic. Blue and red never land on an integer unless
+// the chroma term is 0, so double precision truncates them the same way. Green lands exactly on an
+// integer for (u, v) = (-100, 100) and (100, -100) only; the converter's u-then-v order matches the
+// exact value for the second pair but falls just below it for the first (see ChosenPixels).
 void exactBgr(int y, int u, int v, uint8_t* out) {
     out[0] = uint8_t(clampByte(truncDiv(1000L * y + 1772L * u, 1000)));
     out[1] = uint8_t(clampByte(truncDiv(100000L * y - 34414L * u - 71414L * v, 100000)));
@@ -202,11 +223,14 @@ void exactBgr(int y, int u, int v, uint8_t* out) {
 Bytes convert(const Bytes& src) {
     Bytes out(kRgbOut + 16, 0xC3);
     EXPECT_EQ(video_device::yuyv_2_rgb888(src.data(), 12345, out.data()), 0);
-    for (size_t i = kRgbOut; i < out.size(); ++i) EXPECT_EQ(out[i], 0xC3) << "wrote past the image at " << i;
+    for (size_t i = kRgbOut; i < out.size(); ++i)
+        EXPECT_EQ(out[i], 0xC3) << "wrote past the image at " << i;
     return out;
 }
 
-Bytes pixelsAt(const Bytes& out, size_t offset) { return Bytes(out.begin() + long(offset), out.begin() + long(offset) + 6); }
+Bytes pixelsAt(const Bytes& out, size_t offset) {
+    return Bytes(out.begin() + long(offset), out.begin() + long(offset) + 6);
+}
 
 TEST(Rgb888, ChosenPixels) {
     Bytes src(kRgbSrc, 128);
@@ -218,6 +242,7 @@ TEST(Rgb888, ChosenPixels) {
     put(0, 1, 100, 128, 100, 228);  // red factor 1.042
     put(0, 2, 0, 0, 255, 0);        // u = v = -128
     put(1, 0, 100, 28, 40, 228);    // green lands on an integer: the order of the two terms shows
+    put(2, 0, 60, 228, 61, 28);     // the mirrored chroma pair
     put(479, 319, 7, 128, 8, 128);  // last group of the last source row
     const Bytes out = convert(src);
 
@@ -234,6 +259,9 @@ TEST(Rgb888, ChosenPixels) {
     // gives 62, Y = 40 gives 3 (the other order would give 63 and 2).
     // B = 100 - 177.2 -> 0, R = 100 + 104.2 -> 204; B = 40 - 177.2 -> 0, R = 144.2 -> 144.
     EXPECT_EQ(pixelsAt(out, 478 * 1920), (Bytes{0, 62, 204, 0, 3, 144}));
+    // u = 100, v = -100: G is exactly Y + 37, and here the u-then-v order reaches it (the other
+    // order gives 96 and 97). B = Y + 177.2, R = Y - 104.2 -> 0.
+    EXPECT_EQ(pixelsAt(out, 477 * 1920), (Bytes{237, 97, 0, 238, 98, 0}));
     // The last source group lands at the end of the first output row.
     EXPECT_EQ(pixelsAt(out, 1920 - 6), (Bytes{7, 7, 7, 8, 8, 8}));
     // Neutral chroma elsewhere leaves grey 128.
@@ -242,7 +270,7 @@ TEST(Rgb888, ChosenPixels) {
 
 TEST(Rgb888, WholeImageAgainstExactArithmetic) {
     Bytes src = randomBytes(kRgbSrc, 21);
-    // Keep out the single chroma pair whose green value is an exact integer; ChosenPixels covers it.
+    // Keep out the chroma pair whose green value the double arithmetic puts just below an integer.
     for (size_t k = 0; k < kRgbSrc; k += 4)
         if (src[k + 1] == 28 && src[k + 3] == 228) src[k + 3] = 227;
     const Bytes out = convert(src);

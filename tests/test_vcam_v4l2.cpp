@@ -1,6 +1,7 @@
 // The virtual camera's node driven with bare open/ioctl/mmap: driver semantics, errno values,
 // ownership, pacing, drops and free-running order.
 #include <gtest/gtest.h>
+#include <dirent.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <termios.h>
@@ -28,7 +29,7 @@ constexpr uint32_t kStride = 724992;  // a frame rounded up to whole 4 KiB pages
 
 class VcamV4l2 : public ::testing::Test {
 protected:
-    ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", nullptr}, {"ORVO_VCAM_FPS", "0"},
+    ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "0"},
                    {"ORVO_VCAM_TRUTH", nullptr},  {"ORVO_VCAM_FAULTS", nullptr}, {"ORVO_VCAM_LOG", nullptr}};
 };
 
@@ -36,6 +37,15 @@ int64_t monotonicUs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return int64_t(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+int openDescriptors() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
 }
 
 int64_t timestampUs(const v4l2_buffer& b) { return int64_t(b.timestamp.tv_sec) * 1000000 + b.timestamp.tv_usec; }
@@ -72,21 +82,14 @@ TEST_F(VcamV4l2, AnswersIdentityCropAndUnknownRequestsAsADriverDoes) {
     std::memset(&cc, 0, sizeof cc);
     cc.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     ASSERT_EQ(0, c.call(VIDIOC_CROPCAP, &cc));
-    EXPECT_EQ(0, cc.defrect.left);
-    EXPECT_EQ(0, cc.defrect.top);
-    EXPECT_EQ(752u, cc.defrect.width);
-    EXPECT_EQ(480u, cc.defrect.height);
-    EXPECT_EQ(752u, cc.bounds.width);
-    EXPECT_EQ(1u, cc.pixelaspect.numerator);
-    EXPECT_EQ(1u, cc.pixelaspect.denominator);
-    v4l2_crop crop;
-    std::memset(&crop, 0, sizeof crop);
-    crop.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    crop.c = cc.defrect;
+    const v4l2_rect full{0, 0, 752, 480};
+    EXPECT_EQ(0, std::memcmp(&full, &cc.defrect, sizeof full));
+    EXPECT_EQ(0, std::memcmp(&full, &cc.bounds, sizeof full));
+    EXPECT_EQ(1u, cc.pixelaspect.numerator * cc.pixelaspect.denominator);
+    v4l2_crop crop{V4L2_BUF_TYPE_VIDEO_CAPTURE, cc.defrect};
     EXPECT_EQ(0, c.call(VIDIOC_S_CROP, &crop));
-    crop.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+    crop.type = cc.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     EXPECT_EQ(EINVAL, c.call(VIDIOC_S_CROP, &crop));
-    cc.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     EXPECT_EQ(EINVAL, c.call(VIDIOC_CROPCAP, &cc));
 
     v4l2_std_id std_id = 0;
@@ -128,15 +131,7 @@ TEST_F(VcamV4l2, FormatIsAdjustedToTheOneTheCameraStreams) {
     ASSERT_EQ(0, c.call(VIDIOC_ENUM_FMT, &d));
     EXPECT_EQ(uint32_t(V4L2_PIX_FMT_YUYV), d.pixelformat);
     d.index = 1;
-    EXPECT_EQ(EINVAL, c.call(VIDIOC_ENUM_FMT, &d));
-    v4l2_frmsizeenum fs;
-    std::memset(&fs, 0, sizeof fs);
-    fs.pixel_format = V4L2_PIX_FMT_YUYV;
-    ASSERT_EQ(0, c.call(VIDIOC_ENUM_FRAMESIZES, &fs));
-    EXPECT_EQ(752u, fs.discrete.width);
-    EXPECT_EQ(480u, fs.discrete.height);
-    fs.index = 1;
-    EXPECT_EQ(EINVAL, c.call(VIDIOC_ENUM_FRAMESIZES, &fs));
+    EXPECT_EQ(EINVAL, c.call(VIDIOC_ENUM_FMT, &d)) << "one format only";
 }
 
 TEST_F(VcamV4l2, FrameIntervalIsTheNearestSupportedOne) {
@@ -247,9 +242,6 @@ TEST_F(VcamV4l2, BufferRequestsAreClampedAndNeedMemoryMapping) {
     EXPECT_EQ(2u, granted) << "the driver's minimum";
     ASSERT_EQ(0, c.requestBuffers(100, &granted));
     EXPECT_EQ(32u, granted);
-    v4l2_buffer b;
-    ASSERT_EQ(0, c.query(31, &b));
-    EXPECT_EQ(0u, b.m.offset % 4096);
     v4l2_requestbuffers rb;
     std::memset(&rb, 0, sizeof rb);
     rb.count = 4;
@@ -284,9 +276,16 @@ TEST_F(VcamV4l2, OnlyTheFirstOwnerMayUseTheQueue) {
 }
 
 TEST_F(VcamV4l2, ClosingTheOwnerStopsStreamingButMappingsKeepTheirPages) {
+    std::string truth = std::string(ORVO_BINARY_DIR) + "/vcam_close_truth.txt";
+    ScopedEnv env{{"ORVO_VCAM_TRUTH", truth.c_str()}};
     uint64_t sessions = orvo::vcam::statistics().sessions;
+    int lowest = dup(0);
+    close(lowest);
+    int fds_before = openDescriptors();
     V4l2Client c(kNode);
+    EXPECT_EQ(lowest, c.fd()) << "the lowest free descriptor, as the kernel gives";
     ASSERT_EQ(0, c.start(4));
+    EXPECT_EQ(fds_before + 1, openDescriptors()) << "streaming costs the node's descriptor and nothing else";
     EXPECT_EQ(sessions + 1, orvo::vcam::statistics().sessions);
     EXPECT_TRUE(orvo::vcam::statistics().streaming);
     v4l2_buffer b;
@@ -300,6 +299,7 @@ TEST_F(VcamV4l2, ClosingTheOwnerStopsStreamingButMappingsKeepTheirPages) {
     EXPECT_EQ(0u, s.open_descriptors);
     EXPECT_EQ(1u, s.frames_served);
     EXPECT_EQ(0, std::memcmp(copy.data(), mapped, kFrame));
+    EXPECT_EQ(fds_before, openDescriptors());
 
     V4l2Client again(kNode);
     ASSERT_GE(again.fd(), 0);
@@ -307,6 +307,8 @@ TEST_F(VcamV4l2, ClosingTheOwnerStopsStreamingButMappingsKeepTheirPages) {
     EXPECT_EQ(0u, orvo::vcam::statistics().frames_served);
 }
 
+// A loaded machine may stall the test for longer than the queue lasts, so the checks hold whatever
+// was dropped meanwhile: sequence numbers and due times stay in step.
 TEST_F(VcamV4l2, PacedFramesKeepTimeAndUnqueuedFramesAreDropped) {
     ScopedEnv fps{{"ORVO_VCAM_FPS", "50"}};
     V4l2Client c(kNode);
@@ -314,46 +316,47 @@ TEST_F(VcamV4l2, PacedFramesKeepTimeAndUnqueuedFramesAreDropped) {
     ASSERT_EQ(0, c.start(4));
     v4l2_buffer b;
     int64_t first = 0;
+    uint32_t previous = 0;
     for (uint32_t k = 0; k < 6; ++k) {
         ASSERT_EQ(0, c.dequeue(&b));
-        int64_t now = monotonicUs();
-        EXPECT_EQ(k, b.sequence);
-        EXPECT_EQ(k % 4, b.index);
-        EXPECT_LE(timestampUs(b), now) << "handed out only once due";
+        EXPECT_LE(timestampUs(b), monotonicUs()) << "handed out only once due";
         if (k == 0) {
+            EXPECT_EQ(0u, b.sequence) << "the buffers were queued before STREAMON";
             first = timestampUs(b);
             EXPECT_GE(first, before + 19999) << "the first frame is due one period after STREAMON";
         } else {
-            EXPECT_NEAR(double(first + int64_t(k) * 20000), double(timestampUs(b)), 1.0);
+            EXPECT_GT(b.sequence, previous);
+            EXPECT_NEAR(double(first + int64_t(b.sequence) * 20000), double(timestampUs(b)), 1.0);
         }
+        previous = b.sequence;
         ASSERT_EQ(0, c.queue(b.index));
     }
-    // Hold every buffer, let about ten frame times pass, then give one back.
-    uint32_t held = 0;
-    for (; held < 4; ++held) ASSERT_EQ(0, c.dequeue(&b));
-    uint32_t last = b.sequence;
+    // Hold every buffer for ten frame times, then give one back: the frames in between are gone.
     uint64_t dropped_before = orvo::vcam::statistics().frames_dropped;
+    for (uint32_t held = 0; held < 4; ++held) ASSERT_EQ(0, c.dequeue(&b));
+    uint32_t last = b.sequence;
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     ASSERT_EQ(0, c.queue(b.index));
     ASSERT_EQ(0, c.dequeue(&b));
     EXPECT_GE(b.sequence, last + 10);
-    EXPECT_EQ(uint64_t(b.sequence - last - 1), orvo::vcam::statistics().frames_dropped - dropped_before);
+    EXPECT_GE(orvo::vcam::statistics().frames_dropped - dropped_before, uint64_t(b.sequence - last - 1));
+    EXPECT_NEAR(double(first + int64_t(b.sequence) * 20000), double(timestampUs(b)), 1.0);
 }
 
 TEST_F(VcamV4l2, NonBlockingDequeueSaysEagainUntilAFrameIsDue) {
-    ScopedEnv fps{{"ORVO_VCAM_FPS", "5"}};
+    ScopedEnv fps{{"ORVO_VCAM_FPS", "2"}};
     V4l2Client c(kNode, O_RDWR | O_NONBLOCK);
     ASSERT_EQ(0, c.start(2));
     v4l2_buffer b;
-    EXPECT_EQ(EAGAIN, c.dequeue(&b)) << "the first frame is 200 ms away";
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    EXPECT_EQ(EAGAIN, c.dequeue(&b)) << "the first frame is 500 ms away";
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
     ASSERT_EQ(0, c.dequeue(&b));
     EXPECT_EQ(0u, b.sequence);
-    EXPECT_EQ(EAGAIN, c.dequeue(&b)) << "the second frame is due at 400 ms";
+    EXPECT_EQ(EAGAIN, c.dequeue(&b)) << "the second frame is due at 1 s";
 }
 
 TEST_F(VcamV4l2, ABlockedDequeueWakesWhenStreamingStops) {
-    ScopedEnv fps{{"ORVO_VCAM_FPS", "1"}};
+    ScopedEnv fps{{"ORVO_VCAM_FPS", "0.5"}};
     V4l2Client c(kNode);
     ASSERT_EQ(0, c.start(2));
     int result = -1;
@@ -367,7 +370,7 @@ TEST_F(VcamV4l2, ABlockedDequeueWakesWhenStreamingStops) {
     waiter.join();
     double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     EXPECT_EQ(EINVAL, result);
-    EXPECT_LT(waited, 0.9) << "woken by STREAMOFF, not by the frame due after 1 s";
+    EXPECT_LT(waited, 1.5) << "woken by STREAMOFF, not by the frame due after 2 s";
 }
 
 TEST_F(VcamV4l2, FreeRunningServesEveryFrameOfTheSourceInOrder) {

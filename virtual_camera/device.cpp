@@ -77,6 +77,12 @@ bool needsArgument(unsigned long code) { return _IOC_DIR(code) != _IOC_NONE; }
 
 }  // namespace
 
+int reopenDescriptor(int fd, int flags) {
+    char self[32];
+    std::snprintf(self, sizeof self, "/proc/self/fd/%d", fd);
+    return real::open(self, flags, 0);
+}
+
 int64_t monotonicNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
@@ -94,15 +100,12 @@ Device::Device(double fps, std::unique_ptr<FrameSource> source, FaultPlan faults
 
 Device::~Device() {
     if (region_) munmap(region_, region_length_);
-    if (memfd_ >= 0) real::close(memfd_);
 }
 
-// Creates the memory that backs every descriptor of the node and holds the capture buffers.
-bool Device::init(std::string* error) {
-    memfd_ = memfd_create("orvo-vcam", MFD_CLOEXEC);
+bool Device::init(int memfd, std::string* error) {
     struct stat st;
-    if (memfd_ < 0 || fstat(memfd_, &st) != 0) {
-        *error = std::string("cannot create the buffer memory: ") + std::strerror(errno);
+    if (fstat(memfd, &st) != 0) {
+        *error = std::string("cannot use the buffer memory: ") + std::strerror(errno);
         return false;
     }
     memfd_dev_ = st.st_dev;
@@ -131,7 +134,7 @@ int Device::countMeminfo(bool* hide_memfree) {
 void Device::release(uint64_t file_id) {
     if (file_id != owner_) return;
     stop();
-    if (!buffers_.empty()) freeBuffers(false);
+    if (!buffers_.empty()) freeBuffers(-1);
     owner_ = 0;
 }
 
@@ -296,7 +299,7 @@ int Device::reqbufs(const OpenFile& file, v4l2_requestbuffers& rb, uint64_t call
         refreshMapped();
         for (const Buffer& b : buffers_)
             if (b.mapped) return -EBUSY;
-        freeBuffers(true);
+        freeBuffers(file.fd);
     }
     uint32_t granted = 0;
     if (rb.count > 0) {
@@ -311,23 +314,27 @@ int Device::reqbufs(const OpenFile& file, v4l2_requestbuffers& rb, uint64_t call
         owner_ = 0;
         return 0;
     }
-    if (int e = allocate(granted)) return -e;
+    if (int e = allocate(granted, file.fd)) return -e;
     claim(file);
     rb.count = granted;
     return 0;
 }
 
 // Places the buffers after every earlier allocation of the session, so that pages still mapped
-// from a freed queue are never reused; offsets are page aligned and fit the 32-bit cookie.
-int Device::allocate(uint32_t count) {
+// from a freed queue are never reused; offsets are page aligned and fit the 32-bit cookie. The
+// memory is reached through a passing descriptor opened from the caller's.
+int Device::allocate(uint32_t count, int via_fd) {
     size_t length = count * bufferStride();
     uint64_t start = next_offset_;
     if (start + length > UINT32_MAX) start = 0;
-    if (start + length > memfd_size_) {
-        if (ftruncate(memfd_, off_t(start + length)) != 0) return ENOMEM;
-        memfd_size_ = start + length;
+    int fd = reopenDescriptor(via_fd, O_RDWR | O_CLOEXEC);
+    if (fd < 0) return ENOMEM;
+    void* p = MAP_FAILED;
+    if (start + length <= memfd_size_ || ftruncate(fd, off_t(start + length)) == 0) {
+        if (start + length > memfd_size_) memfd_size_ = start + length;
+        p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, off_t(start));
     }
-    void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, memfd_, off_t(start));
+    real::close(fd);
     if (p == MAP_FAILED) return ENOMEM;
     region_ = static_cast<uint8_t*>(p);
     region_offset_ = uint32_t(start);
@@ -338,10 +345,14 @@ int Device::allocate(uint32_t count) {
     return 0;
 }
 
-void Device::freeBuffers(bool release_pages) {
+// Gives the pages back too when a descriptor is given to reach them (nobody maps them any more).
+void Device::freeBuffers(int release_via_fd) {
     munmap(region_, region_length_);
-    if (release_pages)
-        fallocate(memfd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(region_offset_), off_t(region_length_));
+    int fd = release_via_fd >= 0 ? reopenDescriptor(release_via_fd, O_RDWR | O_CLOEXEC) : -1;
+    if (fd >= 0) {
+        fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(region_offset_), off_t(region_length_));
+        real::close(fd);
+    }
     region_ = nullptr;
     region_length_ = 0;
     buffers_.clear();

@@ -38,8 +38,9 @@ public:
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
-    bool init(std::string* error);
-    int memfd() const { return memfd_; }
+    // Takes note of the memory (a memfd) that backs every descriptor of the node; the device keeps
+    // no descriptor of its own.
+    bool init(int memfd, std::string* error);
     bool backs(int fd) const;  // fd is an open file of this device's memory
 
     // Handles one request of a file; returns 0 or a negative errno. A blocking dequeue waits on
@@ -110,8 +111,8 @@ private:
     void claim(const OpenFile& file) {
         if (owner_ == 0) owner_ = file.id;
     }
-    int allocate(uint32_t count);
-    void freeBuffers(bool release_pages);
+    int allocate(uint32_t count, int via_fd);
+    void freeBuffers(int release_via_fd);
     void refreshMapped();
     void start();
     void stop();
@@ -129,7 +130,6 @@ private:
     TruthWriter truth_;
     std::condition_variable& wake_;
 
-    int memfd_ = -1;
     dev_t memfd_dev_ = 0;
     ino_t memfd_ino_ = 0;
     uint64_t memfd_size_ = 0;
@@ -157,6 +157,9 @@ private:
 };
 
 int64_t monotonicNs();
+
+// A new open file description of the memory behind fd, with open flags of its own.
+int reopenDescriptor(int fd, int flags);
 
 }  // namespace vcam
 }  // namespace orvo

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "frame_format.h"
+#include "scene.h"
 #include "sources.h"
 
 namespace orvo {
@@ -24,17 +25,19 @@ void putI16(uint8_t* p, int16_t v) {
 
 }  // namespace
 
-// "" and "pattern" give the test pattern, "raw:FILE" a recording. Returns null and a message
-// naming the problem for anything else, including "scene:" (rendered scenes are a separate module).
+// "" gives the default scene, "pattern" the test pattern, "raw:FILE" a recording and
+// "scene:FILE" a rendered scene. Returns null and a message naming the problem otherwise.
 std::unique_ptr<FrameSource> makeFrameSource(const std::string& spec, std::string* error) {
     std::string ignored;
     if (!error) error = &ignored;
-    if (spec.empty() || spec == "pattern") return makePatternSource();
+    if (spec.empty()) return makeDefaultSceneSource(error);
+    if (spec == "pattern") return makePatternSource();
     if (startsWith(spec, "raw:")) return makeRawSource(spec.substr(4), error);
-    if (startsWith(spec, "scene:")) {
-        *error = "'" + spec + "': rendered scenes are not available in this build";
+    if (spec == "scene:") {
+        *error = "'scene:' needs a file name (scene:FILE)";
         return nullptr;
     }
+    if (startsWith(spec, "scene:")) return makeSceneSource(spec.substr(6), error);
     *error = "unknown source '" + spec + "' (expected pattern, raw:FILE or scene:FILE)";
     return nullptr;
 }

@@ -86,8 +86,9 @@ bool readFps(double* fps, std::string* error) {
     return true;
 }
 
-// Reads the environment and builds the session's device; false with a message on a bad setting.
-bool startSession(Registry& reg, std::string* error) {
+// Reads the environment and builds the session's device and its memory (*memfd); false with a
+// message on a bad setting.
+bool startSession(Registry& reg, int* memfd, std::string* error) {
     const char* log = envOr("ORVO_VCAM_LOG", "");
     reg.log = *log && std::strcmp(log, "0") != 0;
     double fps;
@@ -105,7 +106,15 @@ bool startSession(Registry& reg, std::string* error) {
     FaultPlan faults = FaultPlan::parse(envOr("ORVO_VCAM_FAULTS", ""), &complaints);
     if (!complaints.empty()) std::fputs(complaints.c_str(), stderr);
     auto device = std::make_shared<Device>(fps, std::move(source), std::move(faults), std::move(truth), reg.wake);
-    if (!device->init(error)) return false;
+    *memfd = memfd_create("orvo-vcam", MFD_CLOEXEC);
+    if (*memfd < 0) {
+        *error = std::string("cannot create the buffer memory: ") + std::strerror(errno);
+        return false;
+    }
+    if (!device->init(*memfd, error)) {
+        real::close(*memfd);
+        return false;
+    }
     reg.device = std::move(device);
     ++reg.sessions;
     if (reg.log)
@@ -135,6 +144,15 @@ OpenFile* findFile(Registry& reg, int fd) {
 }
 
 // One log line; fd < 0 for calls that are not about one descriptor (a failed open, poll, select).
+// The first registered descriptor still open on the node; stale entries are dropped on the way.
+int anyDescriptor(Registry& reg) {
+    while (!reg.files.empty()) {
+        int fd = reg.files.begin()->first;
+        if (findFile(reg, fd)) return fd;
+    }
+    return -1;
+}
+
 void logResult(const Registry& reg, int fd, const char* what, int result, int error) {
     if (!reg.log) return;
     char who[24] = "";
@@ -235,27 +253,37 @@ int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nf
 
 }  // namespace
 
+// Each open gets a new open file description of the session's memory, with its own flags, and
+// only that one descriptor: the first takes over the number of the memfd it was opened from, so
+// that the node, like a real one, gets the lowest free descriptor and costs exactly one.
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
     if (!isNode(dirfd, path)) return false;
     Registry& reg = registry();
     std::lock_guard<std::mutex> lock(reg.mutex);
+    int anchor = anyDescriptor(reg), fresh = -1;
     if (!reg.device) {
         std::string error;
-        if (!startSession(reg, &error)) {
+        if (!startSession(reg, &fresh, &error)) {
             say("cannot open %s: %s", path, error.c_str());
             errno = EINVAL;
             *result = -1;
             return true;
         }
+        anchor = fresh;
     }
     int error = reg.device->countOpen();
     int fd = -1;
     if (!error) {
-        // A new open file description of the same memory, so that each open has its own flags.
-        std::string self = "/proc/self/fd/" + std::to_string(reg.device->memfd());
-        fd = real::open(self.c_str(), flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC), 0);
+        fd = reopenDescriptor(anchor, flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC));
         if (fd < 0) error = errno;
     }
+    if (fd >= 0 && fresh >= 0) {
+        if (dup3(fd, fresh, flags & O_CLOEXEC) < 0) error = errno;
+        real::close(fd);
+        fd = error ? -1 : fresh;
+        if (!error) fresh = -1;
+    }
+    if (fresh >= 0) real::close(fresh);
     if (error) {
         if (reg.files.empty()) endSession(reg);
         logResult(reg, -1, "open", -1, error);

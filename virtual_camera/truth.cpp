@@ -21,19 +21,23 @@ uint64_t frameHash(const void* data, size_t length) {
     return h;
 }
 
-// Opens the file for appending; false with a message when it cannot be.
+// Checks that the file can be appended to; false with a message when it cannot be. The file is
+// opened for each line, so that it holds no descriptor between frames and a reader sees every
+// frame already served.
 bool TruthWriter::open(const std::string& path, std::string* error) {
-    file_.reset(real::fopen(path.c_str(), "a"));
-    if (!file_) {
+    FILE* f = real::fopen(path.c_str(), "a");
+    if (!f) {
         *error = "ORVO_VCAM_TRUTH: cannot open '" + path + "' for appending: " + std::strerror(errno);
         return false;
     }
+    std::fclose(f);
+    path_ = path;
     return true;
 }
 
-// One line per frame; flushed at once so that a reader sees every frame already served.
 void TruthWriter::write(const FrameTruth& t, uint32_t bytesused, uint64_t hash, int64_t timestamp_us) {
-    FILE* f = file_.get();
+    if (path_.empty()) return;
+    FILE* f = real::fopen(path_.c_str(), "a");
     if (!f) return;
     std::fprintf(f, "index=%llu sequence=%u time=%.17g timestamp=%lld.%06lld ticks=%u bytes=%u hash=%016llx imu=%zu",
                  static_cast<unsigned long long>(t.index), t.sequence, t.time_s,
@@ -50,7 +54,7 @@ void TruthWriter::write(const FrameTruth& t, uint32_t bytesused, uint64_t hash, 
                      t.attitude[3]);
     if (!t.extra.empty()) std::fprintf(f, " %s", t.extra.c_str());
     std::fputc('\n', f);
-    std::fflush(f);
+    std::fclose(f);
 }
 
 }  // namespace vcam

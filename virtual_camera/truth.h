@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include "frame_source.h"
@@ -14,14 +13,11 @@ namespace vcam {
 class TruthWriter {
 public:
     bool open(const std::string& path, std::string* error);
-    bool enabled() const { return file_ != nullptr; }
+    bool enabled() const { return !path_.empty(); }
     void write(const FrameTruth& truth, uint32_t bytesused, uint64_t hash, int64_t timestamp_us);
 
 private:
-    struct Closer {
-        void operator()(FILE* f) const { std::fclose(f); }
-    };
-    std::unique_ptr<FILE, Closer> file_;
+    std::string path_;
 };
 
 }  // namespace vcam

@@ -139,8 +139,10 @@ StereoCamera::StereoCamera(DeviceParameter param)
     image_width = width;
     image_height = height;
     colour_buffer = new unsigned char[width * height * 3];
-    even_buffer = new unsigned char[width * height];
-    odd_buffer = new unsigned char[width * height];
+    // Zeroed: a first frame that never arrives (failed or empty dequeue) leaves the split buffers
+    // as they are, and the rectified pair is made from them.
+    even_buffer = new unsigned char[width * height]();
+    odd_buffer = new unsigned char[width * height]();
 
     if (maps_valid && calibrationUsable(map_1, map_3, camera_matrix, projection_2)) {
         cx = camera_matrix.at<double>(0, 2);

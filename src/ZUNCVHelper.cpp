@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <iostream>
+#include <stdexcept>
 #include <utility>
 
 #include <sys/stat.h>
@@ -70,14 +71,7 @@ cv::Mat channelMismatch() {
     return cv::Mat(0, 0, CV_8UC1);
 }
 
-}  // namespace
-
-// Loads the matrices of one calibration-file layout and appends them to `out` in the layout's
-// order (layout 2 first empties `out`). A missing key gives an empty matrix in its slot. Returns
-// false, with a message on standard error and `out` untouched, when the file cannot be opened
-// (an empty name or a directory included) or the type is unknown. A malformed file raises
-// OpenCV's exception.
-bool readYML(std::string path, zuncvFileType type, std::vector<cv::Mat>& out) {
+bool readLayout(const std::string& path, zuncvFileType type, std::vector<cv::Mat>& out) {
     cv::FileStorage fs;
     if (!isReadableFile(path) || !fs.open(path, cv::FileStorage::READ)) {
         std::cerr << " Read File : " << path << "Error !" << std::endl;
@@ -130,6 +124,25 @@ bool readYML(std::string path, zuncvFileType type, std::vector<cv::Mat>& out) {
     }
     fs.release();
     return true;
+}
+
+}  // namespace
+
+// Loads the matrices of one calibration-file layout and appends them to `out` in the layout's
+// order (layout 2 first empties `out`). A missing key gives an empty matrix in its slot. Returns
+// false, with a message on standard error and `out` untouched, when the file cannot be opened
+// (an empty name or a directory included) or the type is unknown. A malformed file raises
+// OpenCV's exception (cv::Exception) and leaves `out` untouched.
+bool readYML(std::string path, zuncvFileType type, std::vector<cv::Mat>& out) {
+    try {
+        return readLayout(path, type, out);
+    } catch (const cv::Exception&) {
+        throw;
+    } catch (const std::logic_error& e) {
+        // OpenCV 4.6's YAML parser lets std::length_error out for some malformed files (an empty
+        // key inside a mapping); callers are promised OpenCV's own exception for those.
+        CV_Error(cv::Error::StsParseError, "malformed calibration file '" + path + "': " + e.what());
+    }
 }
 
 // Condenses an extrinsics file into [fx, fy, cx, cy, P2(0,3)] (1x5 double) from its P1 and P2.

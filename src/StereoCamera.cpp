@@ -10,6 +10,7 @@
 
 #include "ZUNCVHelper.h"
 #include "frame_format.h"
+#include "trailer.h"
 
 namespace layout = orvo::frame;
 
@@ -28,11 +29,8 @@ bool calibrationUsable(const cv::Mat& map_1, const cv::Mat& map_3, const cv::Mat
            projection_2.type() == CV_64FC1 && projection_2.rows == 3 && projection_2.cols == 4;
 }
 
-uint32_t readLE32(const unsigned char* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
-int16_t readLE16(const unsigned char* p) { return int16_t(uint16_t(p[0]) | uint16_t(p[1]) << 8); }
+using orvo::trailer::readLE16;
+using orvo::trailer::readLE32;
 
 // Raw gyro counts minus the bias, wrapping like the sensor's 32-bit arithmetic instead of
 // overflowing when an unusual bias is set.
@@ -199,14 +197,9 @@ void splitFrame(StereoCamera& cam) {
 // - a count above the 20 slots is clamped to 20;
 // - with 20 records there is no slot left for the frame time, so frame_time is left as it was.
 void latchTrailer(StereoCamera& cam, size_t block_from_end, unsigned int& frame_time) {
-    const unsigned char* frame = cam.frame_data;
-    const size_t length = cam.frame_length;
-    if (frame == nullptr || length < block_from_end) {
-        cam.imu_count = 0;
+    if (!orvo::trailer::latch(cam.frame_data, cam.frame_length, block_from_end, cam.imu_count,
+                              cam.imu_block))
         return;
-    }
-    cam.imu_count = uint8_t(std::min<size_t>(frame[length - 1], layout::kRecordSlots));
-    std::memcpy(cam.imu_block, frame + length - block_from_end, layout::kBlockSize);
     if (cam.imu_count < layout::kRecordSlots)
         frame_time = readLE32(cam.imu_block + layout::kRecordSize * cam.imu_count);
 }

@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "frame_format.h"
+#include "trailer.h"
 
 namespace layout = orvo::frame;
 
@@ -23,7 +24,7 @@ constexpr float kSettledKp = 0.08f;
 constexpr float kErrorBandLow = 0.01f, kErrorBandHigh = -0.01f;
 constexpr float kIntegralBandLow = 0.001f, kIntegralBandHigh = -0.001f;
 
-int16_t readLE16(const unsigned char* p) { return int16_t(uint16_t(p[0]) | uint16_t(p[1]) << 8); }
+using orvo::trailer::readLE16;
 
 // Running sums of the raw gyro counts, in 32-bit wrap-around arithmetic.
 struct GyroSums {
@@ -35,11 +36,9 @@ struct GyroSums {
 // engine's scratch fields, and adds the block's records to sums. A frame too short to carry the
 // trailer adds nothing.
 void addFrameGyro(StereoCamera& cam, GyroSums& sums) {
-    const unsigned char* frame = cam.frame_data;
-    const size_t length = cam.frame_length;
-    if (frame == nullptr || length < layout::kTrailerSize) return;
-    cam.imu_count = uint8_t(std::min<size_t>(frame[length - 1], layout::kRecordSlots));
-    std::memcpy(cam.imu_block, frame + length - layout::kBlockFromEnd, layout::kBlockSize);
+    if (!orvo::trailer::latch(cam.frame_data, cam.frame_length, layout::kBlockFromEnd,
+                              cam.imu_count, cam.imu_block))
+        return;
     for (size_t i = 0; i < cam.imu_count; ++i) {
         const unsigned char* gyro = cam.imu_block + layout::kRecordSize * i + layout::kRecGyro;
         for (int a = 0; a < 3; ++a) sums.axis[a] += uint32_t(int32_t(readLE16(gyro + 2 * a)));

@@ -42,11 +42,13 @@ for t in "${targets[@]}"; do
   mkdir -p "$corpus" "$artifacts"
   extra=()
   [ -f "$root/fuzz/$name.dict" ] && extra+=(-dict="$root/fuzz/$name.dict")
+  # Parallel workers write fuzz-N.log into the working directory, which is the build directory.
+  [ "$jobs" -gt 1 ] && extra+=(-jobs="$jobs" -workers="$jobs")
   before=$(find "$artifacts" -name "$t-*" | wc -l)
   set +e
-  "$build/$t" -max_total_time="$seconds" -max_len=4096 -timeout=60 -close_fd_mask=1 \
-    -print_final_stats=1 -jobs="$jobs" -workers="$jobs" -artifact_prefix="$artifacts/$t-" \
-    "${extra[@]}" "$corpus" "$build/seeds/$name" >"$log" 2>&1
+  (cd "$build" && "$build/$t" -max_total_time="$seconds" -max_len=4096 -timeout=60 \
+    -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$artifacts/$t-" "${extra[@]}" \
+    "$corpus" "$build/seeds/$name") >"$log" 2>&1
   rc=$?
   set -e
   [ "$jobs" -gt 1 ] && cat "$build"/fuzz-*.log >>"$log" 2>/dev/null && rm -f "$build"/fuzz-*.log

@@ -6,3 +6,7 @@ build=${ORVO_BUILD_DIR:-$root/build}
 "$root/scripts/bootstrap.sh" "$build"
 cd "$build"
 ctest --output-on-failure -j"$(nproc)" --timeout 900
+# Sanitized suite and short fuzz runs (ORVO_SKIP_RELIABILITY=1 leaves them out of a local run).
+if [ "${ORVO_SKIP_RELIABILITY:-0}" = 0 ]; then
+  "$root/scripts/reliability.sh"
+fi

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <initializer_list>
 #include <iostream>
 #include <stdexcept>
@@ -71,9 +72,37 @@ cv::Mat channelMismatch() {
     return cv::Mat(0, 0, CV_8UC1);
 }
 
+// OpenCV 4.6's YAML parser never returns from a file whose document-start line carries a
+// directive ("---%YAML:1.0") when a plain key line and a line starting with '-' follow. No valid
+// file has one (directives stand on lines of their own before "---"), so such a file is refused
+// as malformed before OpenCV sees it. XML and JSON files are left to OpenCV.
+bool directiveAfterDocumentStart(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::string line;
+    bool first = true;
+    while (std::getline(in, line)) {
+        if (first) {
+            const size_t start = line.find_first_not_of(" \t\r");
+            if (start != std::string::npos && (line[start] == '<' || line[start] == '{')) return false;
+            first = false;
+        }
+        if (line.compare(0, 3, "---") != 0) continue;
+        const size_t next = line.find_first_not_of(" \t", 3);
+        if (next != std::string::npos && line[next] == '%') return true;
+    }
+    return false;
+}
+
 bool readLayout(const std::string& path, zuncvFileType type, std::vector<cv::Mat>& out) {
     cv::FileStorage fs;
-    if (!isReadableFile(path) || !fs.open(path, cv::FileStorage::READ)) {
+    if (!isReadableFile(path)) {
+        std::cerr << " Read File : " << path << "Error !" << std::endl;
+        return false;
+    }
+    if (directiveAfterDocumentStart(path))
+        CV_Error(cv::Error::StsParseError,
+                 "malformed calibration file '" + path + "': a directive after the document start");
+    if (!fs.open(path, cv::FileStorage::READ)) {
         std::cerr << " Read File : " << path << "Error !" << std::endl;
         return false;
     }

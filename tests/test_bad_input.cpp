@@ -321,6 +321,47 @@ TEST_F(BadInput, ParserErrorsOfEveryKindSurfaceAsOpenCvsException) {
     EXPECT_EQ(b.io.out, "");
 }
 
+// A 27-byte file on which OpenCV 4.6's parser never returns (a directive on the document-start
+// line; found by the calibration-file fuzzer) is refused as malformed. In a child, so that a
+// hang shows as a failure within seconds.
+TEST_F(BadInput, FilesThatWouldHangTheParserAreRefusedAsMalformed) {
+    const std::string hang = write("hang.yml", "%YAML:1.0\n---%YAML:1.\nM10\n-");
+    const std::string spaced = write("hang-spaced.yml", "%YAML:1.0\n---  %YAML:1.0\n_\n- ");
+    for (const std::string& path : {hang, spaced}) {
+        SCOPED_TRACE(path);
+        orvo_test::Captured c = orvo_test::runInChild(
+            [&] {
+                for (zuncvFileType type : {ZUNCV_INTRINSICS, ZUNCV_EXTRINSICS, ZUNCV_MONO, ZUNCV_FISHEYE}) {
+                    std::vector<cv::Mat> list;
+                    try {
+                        readYML(path, type, list);
+                        std::printf("no exception\n");
+                    } catch (const cv::Exception& e) {
+                        std::printf("%d %zu\n", e.code, list.size());
+                    }
+                }
+                Built b = construct(intrinsics_, path);
+                std::printf("facade threw %d\n", int(b.threw));
+            },
+            20);
+        EXPECT_EQ(c.signal, 0) << "the parser did not return";
+        const std::string refused = std::to_string(int(cv::Error::StsParseError)) + " 0\n";
+        EXPECT_EQ(c.out, refused + refused + refused + refused + "facade threw 1\n");
+    }
+    // A document-start line with an ordinary comment, and an XML file, still read.
+    const std::string comment = write("comment.yml", "%YAML:1.0\n--- # calibration\nM1: !!opencv-matrix\n"
+                                                     "   rows: 1\n   cols: 1\n   dt: d\n   data: [ 4. ]\n");
+    std::vector<cv::Mat> list;
+    ASSERT_TRUE(readYML(comment, ZUNCV_INTRINSICS, list));
+    EXPECT_EQ(list[0].at<double>(0, 0), 4.0);
+    cv::FileStorage xml(dir_.file("m.xml"), cv::FileStorage::WRITE);
+    xml << "M1" << cv::Mat::eye(3, 3, CV_64F);
+    xml.release();
+    list.clear();
+    ASSERT_TRUE(readYML(dir_.file("m.xml"), ZUNCV_INTRINSICS, list));
+    EXPECT_EQ(list[0].at<double>(2, 2), 1.0);
+}
+
 // ---- device paths that are no camera ------------------------------------------------------------
 
 orvo_test::Captured facadeOn(const std::string& device) {

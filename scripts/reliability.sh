@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # The reliability checks beyond the normal suite, in their CI form: the whole suite built and run
-# under AddressSanitizer + UndefinedBehaviorSanitizer, then every fuzz target for a short time.
+# under AddressSanitizer + UndefinedBehaviorSanitizer, then every fuzz target on a fixed
+# budget of inputs from a fixed seed (the same bounded walk on every machine).
 # (The normal suite itself carries the fault matrix, the bad-input suite and the short soak.)
-# Usage: scripts/reliability.sh [FUZZ_SECONDS_PER_TARGET]     (default 60)
+# Usage: scripts/reliability.sh [FUZZ_SECONDS_PER_TARGET | ci]     (default ci)
 # Longer forms: fuzz/run.sh 600, scripts/soak.sh, scripts/valgrind.sh (docs/reliability.md).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-fuzz_seconds=${1:-60}
+fuzz_budget=${1:-ci}
 
 # libFuzzer comes with clang; install it if this machine lacks it.
 if ! command -v clang++ >/dev/null; then
@@ -18,5 +19,5 @@ fi
 
 echo "== sanitizers: the whole suite under ASan + UBSan"
 "$root/scripts/sanitize.sh"
-echo "== fuzzing: ${fuzz_seconds} s per target"
-"$root/fuzz/run.sh" "$fuzz_seconds"
+echo "== fuzzing (budget: ${fuzz_budget})"
+"$root/fuzz/run.sh" "$fuzz_budget"

@@ -122,7 +122,8 @@ TEST(Rig, WritesTheLibraryLayoutsAndRefusesTheOnesItsLensModelCannotFill) {
     } cases[] = {
         {"i.yml", {"M1", "D1", "M2", "D2"}, {{"D2", rig.D2}}},
         {"e.yml", {"R", "T", "R1", "R2", "P1", "P2", "Q"}, {{"P2", rig.P2}, {"Q", rig.Q}}},
-        {"m.yml", {"camera_matrix", "distortion_coefficients"}, {{"camera_matrix", rig.K2}, {"distortion_coefficients", rig.D2}}},
+        {"m.yml", {"camera_matrix", "distortion_coefficients"},
+         {{"camera_matrix", rig.K2}, {"distortion_coefficients", rig.D2}}},
         {"f.yml", {"K1", "K2", "D1", "D2", "R1", "R2", "P1", "P2"}, {{"D1", fisheye.D1}, {"P2", fisheye.P2}}},
     };
     for (const auto& c : cases) {

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <string>
-#include <vector>
 
 #include <opencv2/calib3d.hpp>
 
@@ -16,25 +14,16 @@ namespace {
 using orvo::vcam::Rig;
 using orvo::vcam::RigSpec;
 
-cv::Point3d at(const cv::Mat& v) { return {v.at<double>(0), v.at<double>(1), v.at<double>(2)}; }
-
-std::vector<std::string> keysOf(const std::string& path) {
-    cv::FileStorage fs(path, cv::FileStorage::READ);
-    return fs.root().keys();
-}
-
 bool sameValues(const cv::Mat& a, const cv::Mat& b) {
     return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0.0;
 }
 
-cv::Mat readKey(const std::string& path, const std::string& key) {
-    cv::FileStorage fs(path, cv::FileStorage::READ);
-    cv::Mat m;
-    fs[key] >> m;
-    return m;
+cv::Point3d inRightLens(const Rig& rig, const cv::Point3d& p) {  // X_right = R X_left + T
+    const cv::Mat q = rig.R * cv::Mat(cv::Vec3d(p.x, p.y, p.z)) + rig.T;
+    return {q.at<double>(0), q.at<double>(1), q.at<double>(2)};
 }
 
-TEST(Rig, TrueModelFollowsTheSpecAndStereoConvention) {
+TEST(Rig, ProjectsThroughTheTrueDistortedLensModelsWithTheRightLensAtPlusBaseline) {
     RigSpec params;
     params.focal = 420.5;
     params.baseline = 0.2;
@@ -46,41 +35,28 @@ TEST(Rig, TrueModelFollowsTheSpecAndStereoConvention) {
     cv::Vec3d rvec;
     cv::Rodrigues(rig.R, rvec);
     EXPECT_LT(cv::norm(rvec - params.rotation), 1e-12);
-    // The right lens sits at +baseline along the left lens's x axis: X_right = R X_left + T.
-    const cv::Point3d c = rig.centre(1);
-    EXPECT_LT(cv::norm(c - cv::Point3d(0.2, 0, 0)), 1e-12);
-    EXPECT_LT(cv::norm(at(rig.R * cv::Mat(cv::Vec3d(c.x, c.y, c.z)) + rig.T)), 1e-12);
     EXPECT_EQ(rig.centre(0), cv::Point3d(0, 0, 0));
+    EXPECT_LT(cv::norm(rig.centre(1) - cv::Point3d(0.2, 0, 0)), 1e-12);
+    EXPECT_LT(cv::norm(inRightLens(rig, rig.centre(1))), 1e-12);
 
-    Rig fisheye(orvo::vcam::fisheyeRigSpec());
-    EXPECT_EQ(fisheye.D1.size(), cv::Size(1, 4));
-    EXPECT_EQ(fisheye.D2.size(), cv::Size(1, 4));
-}
-
-TEST(Rig, ProjectsThroughTheDistortedLensModels) {
-    Rig rig;
-    const RigSpec& s = rig.params();
-    // A point off both axes, evaluated by the textbook pinhole model with k1, k2, p1, p2, k3.
+    // A point off both axes, by the textbook pinhole model with k1, k2, p1, p2, k3.
     const cv::Point3d p(0.7, -0.4, 1.6);
     const double x = p.x / p.z, y = p.y / p.z, r2 = x * x + y * y;
-    const auto& d = s.dist_left;
+    const auto& d = params.dist_left;
     const double radial = 1 + d[0] * r2 + d[1] * r2 * r2 + d[4] * r2 * r2 * r2;
-    const double xd = x * radial + 2 * d[2] * x * y + d[3] * (r2 + 2 * x * x);
-    const double yd = y * radial + d[2] * (r2 + 2 * y * y) + 2 * d[3] * x * y;
     cv::Point2d px;
     ASSERT_TRUE(rig.project(0, p, px));
-    EXPECT_NEAR(px.x, s.focal * xd + s.principal_left.x, 1e-9);
-    EXPECT_NEAR(px.y, s.focal * yd + s.principal_left.y, 1e-9);
-
-    // The right lens sees the point moved into its own frame.
-    const cv::Point3d q = at(rig.R * cv::Mat(cv::Vec3d(p.x, p.y, p.z)) + rig.T);
-    std::vector<cv::Point2d> want;
-    cv::projectPoints(std::vector<cv::Point3d>{q}, cv::Vec3d(), cv::Vec3d(), rig.K2, rig.D2, want);
+    EXPECT_NEAR(px.x, 420.5 * (x * radial + 2 * d[2] * x * y + d[3] * (r2 + 2 * x * x)) + 371, 1e-9);
+    EXPECT_NEAR(px.y, 420.5 * (y * radial + d[2] * (r2 + 2 * y * y) + 2 * d[3] * x * y) + 243, 1e-9);
+    std::vector<cv::Point2d> want;  // the right lens sees the point moved into its own frame
+    cv::projectPoints(std::vector<cv::Point3d>{inRightLens(rig, p)}, cv::Vec3d(), cv::Vec3d(), rig.K2, rig.D2, want);
     ASSERT_TRUE(rig.project(1, p, px));
     EXPECT_LT(cv::norm(px - want[0]), 1e-9);
 
     // The fisheye model: theta_d = theta (1 + k1 theta^2 + ... + k4 theta^8), radius f theta_d.
     Rig fe(orvo::vcam::fisheyeRigSpec());
+    EXPECT_EQ(fe.D1.size(), cv::Size(1, 4));
+    EXPECT_EQ(fe.D2.size(), cv::Size(1, 4));
     const auto& k = fe.params().dist_left;
     const cv::Point3d w(1.9, 0.8, 0.5);  // about 77 degrees off axis
     const double r = std::hypot(w.x, w.y) / w.z, th = std::atan(r), t2 = th * th;
@@ -94,10 +70,12 @@ TEST(Rig, ProjectsThroughTheDistortedLensModels) {
     EXPECT_FALSE(rig.projectRectified(1, cv::Point3d(0.1, 0.1, -1), px));
     EXPECT_FALSE(rig.project(2, p, px));
     EXPECT_FALSE(rig.projectRectified(-1, p, px));
+    EXPECT_TRUE(rig.rays(2).empty());
 }
 
-TEST(Rig, RectifiedCamerasShareRowsAndGiveDisparityFromDepth) {
+TEST(Rig, RectifiedCamerasShareRowsGiveDisparityFromDepthAndRaysRoundTrip) {
     for (const RigSpec& params : {RigSpec(), orvo::vcam::fisheyeRigSpec()}) {
+        SCOPED_TRACE(params.fisheye ? "fisheye" : "pinhole");
         Rig rig(params);
         const double fb = -rig.P2.at<double>(0, 3);
         EXPECT_NEAR(fb, params.baseline * rig.P1.at<double>(0, 0), 1e-9);
@@ -108,16 +86,9 @@ TEST(Rig, RectifiedCamerasShareRowsAndGiveDisparityFromDepth) {
             cv::Point2d l, r;
             ASSERT_TRUE(rig.projectRectified(0, p, l));
             ASSERT_TRUE(rig.projectRectified(1, p, r));
-            const double z = (cv::Matx33d(rig.R1) * cv::Vec3d(p.x, p.y, p.z))[2];
             EXPECT_NEAR(l.y, r.y, 1e-9);
-            EXPECT_NEAR(l.x - r.x, fb / z, 1e-9);
+            EXPECT_NEAR(l.x - r.x, fb / (cv::Matx33d(rig.R1) * cv::Vec3d(p.x, p.y, p.z))[2], 1e-9);
         }
-    }
-}
-
-TEST(Rig, RaysRoundTripThroughTheLensModel) {
-    for (const RigSpec& params : {RigSpec(), orvo::vcam::fisheyeRigSpec()}) {
-        Rig rig(params);
         for (int lens = 0; lens < 2; ++lens) {
             const cv::Mat rays = rig.rays(lens);
             ASSERT_EQ(rays.size(), params.size);
@@ -125,49 +96,51 @@ TEST(Rig, RaysRoundTripThroughTheLensModel) {
             double worst = 0, worst_norm = 0;
             for (int v = 0; v < params.size.height; v += 11)
                 for (int u = 0; u < params.size.width; u += 13) {
-                    const cv::Vec3f r = rays.at<cv::Vec3f>(v, u);
-                    worst_norm = std::max(worst_norm, std::abs(cv::norm(r) - 1.0));
+                    const cv::Vec3f ray = rays.at<cv::Vec3f>(v, u);
+                    worst_norm = std::max(worst_norm, std::abs(cv::norm(ray) - 1.0));
                     cv::Point2d px;
-                    ASSERT_TRUE(rig.project(lens, rig.centre(lens) + 2.5 * cv::Point3d(r[0], r[1], r[2]), px));
+                    ASSERT_TRUE(rig.project(lens, rig.centre(lens) + 2.5 * cv::Point3d(ray[0], ray[1], ray[2]), px));
                     worst = std::max(worst, cv::norm(px - cv::Point2d(u, v)));
                 }
             EXPECT_LT(worst, 2e-3) << "lens " << lens;
-            EXPECT_LT(worst_norm, 1e-6);
+            EXPECT_LT(worst_norm, 1e-6) << "lens " << lens;
         }
     }
-    EXPECT_TRUE(Rig().rays(2).empty());
 }
 
-TEST(Rig, WritesTheLibraryLayouts) {
+TEST(Rig, WritesTheLibraryLayoutsAndRefusesTheOnesItsLensModelCannotFill) {
     orvo_test::ScratchDir dir;
-    Rig rig;
-    const std::string in = dir.file("i.yml"), ex = dir.file("e.yml"), mono = dir.file("m.yml"),
-                      fe = dir.file("f.yml");
-    ASSERT_TRUE(rig.writeStereo(in, ex));
-    EXPECT_EQ(keysOf(in), (std::vector<std::string>{"M1", "D1", "M2", "D2"}));
-    EXPECT_EQ(keysOf(ex), (std::vector<std::string>{"R", "T", "R1", "R2", "P1", "P2", "Q"}));
-    EXPECT_TRUE(sameValues(readKey(in, "D2"), rig.D2));
-    EXPECT_TRUE(sameValues(readKey(ex, "P2"), rig.P2));  // doubles survive the text exactly
-    EXPECT_TRUE(sameValues(readKey(ex, "Q"), rig.Q));
-
-    ASSERT_TRUE(rig.writeMono(mono, 1));
-    EXPECT_EQ(keysOf(mono), (std::vector<std::string>{"camera_matrix", "distortion_coefficients"}));
-    EXPECT_TRUE(sameValues(readKey(mono, "camera_matrix"), rig.K2));
-    EXPECT_TRUE(sameValues(readKey(mono, "distortion_coefficients"), rig.D2));
-
-    Rig fisheye(orvo::vcam::fisheyeRigSpec());
-    ASSERT_TRUE(fisheye.writeFisheye(fe));
-    EXPECT_EQ(keysOf(fe), (std::vector<std::string>{"K1", "K2", "D1", "D2", "R1", "R2", "P1", "P2"}));
-    EXPECT_TRUE(sameValues(readKey(fe, "D1"), fisheye.D1));
-    EXPECT_TRUE(sameValues(readKey(fe, "P2"), fisheye.P2));
-
-    // A lens model the layout cannot describe, a lens that does not exist, an unwritable path.
+    const Rig rig, fisheye(orvo::vcam::fisheyeRigSpec());
+    ASSERT_TRUE(rig.writeStereo(dir.file("i.yml"), dir.file("e.yml")));
+    ASSERT_TRUE(rig.writeMono(dir.file("m.yml"), 1));
+    ASSERT_TRUE(fisheye.writeFisheye(dir.file("f.yml")));
+    // Doubles survive the text exactly.
+    const struct {
+        const char* file;
+        std::vector<std::string> keys;
+        std::vector<std::pair<const char*, cv::Mat>> values;
+    } cases[] = {
+        {"i.yml", {"M1", "D1", "M2", "D2"}, {{"D2", rig.D2}}},
+        {"e.yml", {"R", "T", "R1", "R2", "P1", "P2", "Q"}, {{"P2", rig.P2}, {"Q", rig.Q}}},
+        {"m.yml", {"camera_matrix", "distortion_coefficients"},
+         {{"camera_matrix", rig.K2}, {"distortion_coefficients", rig.D2}}},
+        {"f.yml", {"K1", "K2", "D1", "D2", "R1", "R2", "P1", "P2"}, {{"D1", fisheye.D1}, {"P2", fisheye.P2}}},
+    };
+    for (const auto& c : cases) {
+        cv::FileStorage fs(dir.file(c.file), cv::FileStorage::READ);
+        EXPECT_EQ(fs.root().keys(), c.keys) << c.file;
+        for (const auto& v : c.values) {
+            cv::Mat m;
+            fs[v.first] >> m;
+            EXPECT_TRUE(sameValues(m, v.second)) << c.file << " " << v.first;
+        }
+    }
     EXPECT_FALSE(fisheye.writeStereo(dir.file("a.yml"), dir.file("b.yml")));
     EXPECT_FALSE(fisheye.writeMono(dir.file("c.yml")));
     EXPECT_FALSE(rig.writeFisheye(dir.file("d.yml")));
     EXPECT_FALSE(rig.writeMono(dir.file("e2.yml"), 2));
     bool ok = true;
-    orvo_test::captureOutput([&] { ok = rig.writeStereo(dir.file("no/such/dir.yml"), ex); });
+    orvo_test::captureOutput([&] { ok = rig.writeStereo(dir.file("no/such/dir.yml"), dir.file("e.yml")); });
     EXPECT_FALSE(ok);
 }
 

@@ -178,7 +178,7 @@ inline std::pair<std::string, std::string> writeStereoFiles(const TempDir& dir) 
 }
 
 // A fisheye rig distinguishable from the default pinhole rig by its focal length.
-inline orvo::vcam::RigSpec fisheyeSpec() {
+inline orvo::vcam::RigSpec fisheyeRigParams() {
     orvo::vcam::RigSpec s;
     s.fisheye = true;
     s.focal = 300.0;
@@ -189,7 +189,7 @@ inline orvo::vcam::RigSpec fisheyeSpec() {
 
 inline std::string writeFisheyeFile(const TempDir& dir) {
     std::string path = dir.file("fisheye.yml");
-    EXPECT_TRUE(orvo::vcam::Rig(fisheyeSpec()).writeFisheye(path));
+    EXPECT_TRUE(orvo::vcam::Rig(fisheyeRigParams()).writeFisheye(path));
     return path;
 }
 

@@ -1,14 +1,13 @@
-// Shared fixtures of the engine, rectification and facade suites: temp dirs, the virtual camera's
-// environment, crafted raw frames with inertial trailers and an independent trailer decoder.
+// Shared fixtures of the engine, rectification and facade suites: the virtual camera's environment,
+// crafted raw frames with inertial trailers and an independent trailer decoder.
 #pragma once
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
+#include <filesystem>  // used by the suites that include this header
 #include <fstream>
 #include <functional>
 #include <map>
@@ -24,6 +23,7 @@
 #include "StereoCamera.h"
 #include "rig.h"
 #include "run_capture.h"
+#include "scratch_dir.h"
 
 namespace engine_test {
 
@@ -36,22 +36,9 @@ constexpr size_t kRawBlockFromEnd = 481;     // where the inertial-only path fin
 constexpr size_t kRecordBytes = 24;
 
 using Frame = std::vector<uint8_t>;
+using TempDir = orvo_test::ScratchDir;
 
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/orvo-engine-XXXXXX";
-        path_ = mkdtemp(name);
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-// Points the virtual camera at a frame source (free-running, so each dequeue gets the next frame)
-// for the next camera opened in this process.
+// Points the virtual camera (free-running) at a frame source for cameras opened in its lifetime.
 class VirtualCamera {
 public:
     explicit VirtualCamera(const std::string& source, const std::string& faults = "") {
@@ -64,10 +51,8 @@ public:
             setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
     }
     ~VirtualCamera() {
-        unsetenv("ORVO_VCAM_DEVICE");
-        unsetenv("ORVO_VCAM_SOURCE");
-        unsetenv("ORVO_VCAM_FAULTS");
-        unsetenv("ORVO_VCAM_FPS");
+        for (const char* v : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_FAULTS", "ORVO_VCAM_FPS"})
+            unsetenv(v);
     }
     static const char* device() { return "/dev/video-virtual-engine"; }
 };
@@ -81,17 +66,15 @@ inline Frame randomFrame(std::mt19937& rng, uint8_t count) {
     return f;
 }
 
-inline void put16(uint8_t* p, int16_t v) {
-    p[0] = uint8_t(uint16_t(v));
-    p[1] = uint8_t(uint16_t(v) >> 8);
-}
-
 // Overwrites slot `slot` of the block lying block_from_end bytes before the frame's end.
 inline void putRecord(Frame& f, size_t block_from_end, int slot, const int16_t gyro[3],
                       const int16_t accel[3]) {
     uint8_t* rec = f.data() + f.size() - block_from_end + kRecordBytes * slot;
-    for (int a = 0; a < 3; ++a) put16(rec + 4 + 2 * a, gyro[a]);
-    for (int a = 0; a < 3; ++a) put16(rec + 10 + 2 * a, accel[a]);
+    for (int a = 0; a < 6; ++a) {
+        const uint16_t v = uint16_t(a < 3 ? gyro[a] : accel[a - 3]);
+        rec[4 + 2 * a] = uint8_t(v);
+        rec[5 + 2 * a] = uint8_t(v >> 8);
+    }
 }
 
 inline std::string writeRaw(const TempDir& dir, const std::vector<Frame>& frames,
@@ -141,14 +124,8 @@ inline uint32_t slotTime(const Frame& f, size_t block_from_end, int count) {
 inline void expectSameSamples(const std::vector<ImuData>& actual,
                               const std::vector<ImuData>& expected, const std::string& what) {
     ASSERT_EQ(actual.size(), expected.size()) << what;
-    for (size_t i = 0; i < actual.size(); ++i) {
-        const ImuData &a = actual[i], &e = expected[i];
-        EXPECT_EQ(0, std::memcmp(&a, &e, sizeof(ImuData)))
-            << what << " record " << i << ": time " << a.time << "/" << e.time << " accel "
-            << a.accel_x << "," << a.accel_y << "," << a.accel_z << " / " << e.accel_x << ","
-            << e.accel_y << "," << e.accel_z << " gyro " << a.gyro_x << "," << a.gyro_y << ","
-            << a.gyro_z << " / " << e.gyro_x << "," << e.gyro_y << "," << e.gyro_z;
-    }
+    for (size_t i = 0; i < actual.size(); ++i)
+        EXPECT_EQ(0, std::memcmp(&actual[i], &expected[i], sizeof(ImuData))) << what << " record " << i;
 }
 
 // The grey image made of every second byte of the frame, from byte `first`.
@@ -195,15 +172,13 @@ inline std::unique_ptr<OrvoCamera> makeFacade(const std::string& intrinsics,
 
 // Stereo calibration files of the default rig in dir: {intrinsics, extrinsics}.
 inline std::pair<std::string, std::string> writeStereoFiles(const TempDir& dir) {
-    orvo::vcam::Rig rig;
-    std::pair<std::string, std::string> paths{dir.file("intrinsics.yml"),
-                                              dir.file("extrinsics.yml")};
-    EXPECT_TRUE(rig.writeStereo(paths.first, paths.second));
+    std::pair<std::string, std::string> paths{dir.file("intrinsics.yml"), dir.file("extrinsics.yml")};
+    EXPECT_TRUE(orvo::vcam::Rig().writeStereo(paths.first, paths.second));
     return paths;
 }
 
 // A fisheye rig distinguishable from the default pinhole rig by its focal length.
-inline orvo::vcam::RigSpec fisheyeSpec() {
+inline orvo::vcam::RigSpec fisheyeRigParams() {
     orvo::vcam::RigSpec s;
     s.fisheye = true;
     s.focal = 300.0;
@@ -213,9 +188,8 @@ inline orvo::vcam::RigSpec fisheyeSpec() {
 }
 
 inline std::string writeFisheyeFile(const TempDir& dir) {
-    orvo::vcam::Rig rig(fisheyeSpec());
     std::string path = dir.file("fisheye.yml");
-    EXPECT_TRUE(rig.writeFisheye(path));
+    EXPECT_TRUE(orvo::vcam::Rig(fisheyeRigParams()).writeFisheye(path));
     return path;
 }
 
@@ -226,11 +200,7 @@ inline void editMatrices(const std::string& path,
     {
         cv::FileStorage in(path, cv::FileStorage::READ);
         ASSERT_TRUE(in.isOpened()) << path;
-        for (cv::FileNode node : in.root()) {
-            cv::Mat m;
-            node >> m;
-            mats[node.name()] = m;
-        }
+        for (cv::FileNode node : in.root()) node >> mats[node.name()];
     }
     edit(mats);
     cv::FileStorage out(path, cv::FileStorage::WRITE);
@@ -238,9 +208,8 @@ inline void editMatrices(const std::string& path,
 }
 
 inline cv::Mat readMatrix(const std::string& path, const std::string& key) {
-    cv::FileStorage in(path, cv::FileStorage::READ);
     cv::Mat m;
-    in[key] >> m;
+    cv::FileStorage(path, cv::FileStorage::READ)[key] >> m;
     return m;
 }
 

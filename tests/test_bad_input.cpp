@@ -6,61 +6,25 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <map>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-#include <opencv2/core.hpp>
+#include "engine_test_support.h"
 
-#include "OrvoCamera.h"
-#include "rig.h"
-#include "run_capture.h"
-#include "scratch_dir.h"
+using namespace engine_test;
 
 namespace {
 
-const std::string kNode = "/dev/video-virtual-bad-input";
 const std::string kSetUp = "Orvo Video Open Finish\nOrvo Camera Setting OK \n";
+const std::vector<zuncvFileType> kLayouts{ZUNCV_INTRINSICS, ZUNCV_EXTRINSICS, ZUNCV_MONO, ZUNCV_FISHEYE};
 
 std::string readError(const std::string& path) { return " Read File : " + path + "Error !\n"; }
 std::string errText(int e) { return std::to_string(e) + ", " + std::strerror(e); }
 
-// The virtual camera on the test pattern, free-running, for every camera opened in this file.
-class BadInput : public ::testing::Test {
-protected:
-    void SetUp() override {
-        setenv("ORVO_VCAM_DEVICE", kNode.c_str(), 1);
-        setenv("ORVO_VCAM_FPS", "0", 1);
-        setenv("ORVO_VCAM_SOURCE", "pattern", 1);
-        unsetenv("ORVO_VCAM_FAULTS");
-        orvo::vcam::Rig rig;
-        intrinsics_ = dir_.file("intrinsics.yml");
-        extrinsics_ = dir_.file("extrinsics.yml");
-        ASSERT_TRUE(rig.writeStereo(intrinsics_, extrinsics_));
-    }
-    void TearDown() override { unsetenv("ORVO_VCAM_DEVICE"); }
-
-    std::string write(const std::string& name, const std::string& text) {
-        const std::string path = dir_.file(name);
-        std::ofstream(path, std::ios::binary) << text;
-        return path;
-    }
-    static std::string slurp(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
-    orvo_test::ScratchDir dir_;
-    std::string intrinsics_, extrinsics_;
-};
+std::string slurp(const std::string& path) {
+    std::stringstream s;
+    s << std::ifstream(path, std::ios::binary).rdbuf();
+    return s.str();
+}
 
 int openDescriptors() {
     int n = 0;
@@ -72,15 +36,13 @@ struct Built {
     std::unique_ptr<OrvoCamera> camera;
     orvo_test::Captured io;
     bool threw = false;
-    std::string what;
 };
 
-// Constructs a facade with the given calibration paths, catching OpenCV's exception (the
-// contract for a file OpenCV cannot parse).
-Built construct(const std::string& intrinsics, const std::string& extrinsics,
-                const std::string& fisheye = "") {
+// A facade on the given calibration paths; OpenCV's exception (the contract for a file OpenCV
+// cannot parse) is caught.
+Built construct(const std::string& intrinsics, const std::string& extrinsics, const std::string& fisheye = "") {
     OrvoCameraParameterList p;
-    p.device_path = kNode;
+    p.device_path = VirtualCamera::device();
     p.intrinsics_file = intrinsics;
     p.extrinsics_file = extrinsics;
     p.fisheye_file = fisheye;
@@ -88,29 +50,24 @@ Built construct(const std::string& intrinsics, const std::string& extrinsics,
     b.io = orvo_test::captureOutput([&] {
         try {
             b.camera.reset(new OrvoCamera(p));
-        } catch (const cv::Exception& e) {
+        } catch (const cv::Exception&) {
             b.threw = true;
-            b.what = e.what();
         }
     });
     return b;
 }
 
-// A facade without a usable calibration: no maps, no camera constants, raw pairs from Grab and
-// no parameter row; and it keeps running.
+// No maps, no camera constants, raw pairs from Grab and no nearest point; and it keeps running.
 void expectUncalibrated(OrvoCamera& cam) {
     ASSERT_NE(camera_, nullptr);
     EXPECT_FALSE(camera_->maps_valid);
-    EXPECT_EQ(camera_->fx, 0.0);
-    EXPECT_EQ(camera_->cx, 0.0);
-    EXPECT_EQ(camera_->baseline, 0.0);
+    EXPECT_EQ(camera_->fx + camera_->cx + camera_->baseline, 0.0);
     for (int i = 0; i < 3; ++i) {
         EXPECT_FALSE(cam.Grab());
         cv::Mat a, b, c, d;
         cam.getOrgImage(a, b);
         cam.getRectImage(c, d);
-        EXPECT_EQ(cv::norm(a, c, cv::NORM_INF), 0.0);
-        EXPECT_EQ(cv::norm(b, d, cv::NORM_INF), 0.0);
+        EXPECT_TRUE(sameImage(a, c) && sameImage(b, d));
     }
     winpar region{1.0, 1.0, 10.0, 0.0};
     std::vector<nerapot> bins(360);
@@ -119,89 +76,79 @@ void expectUncalibrated(OrvoCamera& cam) {
     EXPECT_EQ(nearest, cv::Point3d(0, 0, std::numeric_limits<double>::max()));
 }
 
-// The files as they are written by the calibration are accepted (the baseline every case departs
-// from), and each broken variant is set against it.
-TEST_F(BadInput, ValidFilesCalibrate) {
-    Built b = construct(intrinsics_, extrinsics_);
-    ASSERT_FALSE(b.threw) << b.what;
-    EXPECT_EQ(b.io.out, kSetUp);
-    EXPECT_EQ(b.io.err, "");
-    EXPECT_TRUE(camera_->maps_valid);
-    EXPECT_GT(camera_->fx, 100.0);
-    EXPECT_TRUE(b.camera->Grab());
-}
+class BadInput : public ::testing::Test {
+protected:
+    void SetUp() override { std::tie(intrinsics_, extrinsics_) = writeStereoFiles(dir_); }
+    std::string write(const std::string& name, const std::string& text) {
+        const std::string path = dir_.file(name);
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+    VirtualCamera cam_{"pattern"};
+    TempDir dir_;
+    std::string intrinsics_, extrinsics_;
+};
 
 TEST_F(BadInput, UnreadableCalibrationFilesAreReportedAndLeaveTheCameraUncalibrated) {
     const std::string directory = dir_.file("a-directory");
     ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
     const std::string dangling = dir_.file("dangling.yml");
     ASSERT_EQ(symlink(dir_.file("nothing-here").c_str(), dangling.c_str()), 0);
-    const std::string through_file = intrinsics_ + "/x.yml";  // a regular file used as a directory
-    std::vector<std::string> unreadable = {directory, dangling, through_file, dir_.file("missing.yml")};
+    // A directory, a dangling link, a regular file used as a directory, a missing file.
+    std::vector<std::string> unreadable = {directory, dangling, intrinsics_ + "/x.yml", dir_.file("missing.yml")};
     if (geteuid() != 0) {  // permissions do not stop root
-        const std::string locked = write("locked.yml", slurp(intrinsics_));
-        ASSERT_EQ(chmod(locked.c_str(), 0), 0);
-        unreadable.push_back(locked);
+        unreadable.push_back(write("locked.yml", slurp(intrinsics_)));
+        ASSERT_EQ(chmod(unreadable.back().c_str(), 0), 0);
     }
     for (const std::string& bad : unreadable) {
         SCOPED_TRACE(bad);
         // Both files are read before anything is decided, intrinsics first.
-        Built both = construct(bad, bad);
-        ASSERT_FALSE(both.threw) << both.what;
-        EXPECT_EQ(both.io.out, kSetUp);
-        EXPECT_EQ(both.io.err, readError(bad) + readError(bad));
-        expectUncalibrated(*both.camera);
-        both.camera.reset();
-
-        Built in = construct(bad, extrinsics_);
-        EXPECT_EQ(in.io.err, readError(bad));
-        expectUncalibrated(*in.camera);
-        // The parameter row needs only the extrinsics, which are fine.
-        cv::Mat row;
-        EXPECT_TRUE(in.camera->getCameraParameter(row));
-        in.camera.reset();
-
-        Built ex = construct(intrinsics_, bad);
-        EXPECT_EQ(ex.io.err, readError(bad));
-        expectUncalibrated(*ex.camera);
-        cv::Mat kept = (cv::Mat_<double>(1, 1) << 5.0);
-        const uchar* data = kept.data;
-        orvo_test::Captured c = orvo_test::captureOutput([&] { EXPECT_FALSE(ex.camera->getCameraParameter(kept)); });
-        EXPECT_EQ(c.err, readError(bad));
-        EXPECT_EQ(kept.data, data);
-        ex.camera.reset();
-
-        Built fish = construct("", "", bad);
-        EXPECT_EQ(fish.io.err, readError(bad));
-        expectUncalibrated(*fish.camera);
+        const std::string cases[][3] = {{bad, bad, ""}, {bad, extrinsics_, ""}, {intrinsics_, bad, ""}, {"", "", bad}};
+        for (const auto& c : cases) {
+            Built b = construct(c[0], c[1], c[2]);
+            ASSERT_FALSE(b.threw);
+            EXPECT_EQ(b.io.out, kSetUp);
+            EXPECT_EQ(b.io.err, c[0] == bad && c[1] == bad ? readError(bad) + readError(bad) : readError(bad));
+            expectUncalibrated(*b.camera);
+            // The parameter row needs only the extrinsics; unreadable, the row is left alone.
+            cv::Mat row = (cv::Mat_<double>(1, 1) << 5.0);
+            const uchar* data = row.data;
+            auto io = orvo_test::captureOutput([&] {
+                EXPECT_EQ(b.camera->getCameraParameter(row), c[1] == extrinsics_);
+            });
+            if (c[1] == bad) {
+                EXPECT_EQ(io.err, readError(bad));
+                EXPECT_EQ(row.data, data);
+            }
+        }
     }
 }
 
-// An empty file is one OpenCV refuses to parse: its exception leaves the constructor before the
-// camera is opened, so nothing is left behind.
+// OpenCV refuses to parse an empty file: its exception leaves the constructor before the camera
+// is opened, so nothing is left behind.
 TEST_F(BadInput, EmptyOrBlankFilesRaiseOpenCvsExceptionBeforeTheCameraOpens) {
     const int before = openDescriptors();
     for (const std::string& text : {std::string(), std::string("  \n\n"), std::string("\x00\x01\x02", 3)}) {
         const std::string empty = write("empty.yml", text);
-        for (auto [in, ex] : {std::pair{empty, extrinsics_}, {intrinsics_, empty}, {empty, empty}}) {
-            Built b = construct(in, ex);
-            EXPECT_TRUE(b.threw);
-            EXPECT_EQ(b.camera, nullptr);
+        const std::string cases[][3] = {{empty, extrinsics_, ""}, {intrinsics_, empty, ""}, {empty, empty, ""}, {"", "", empty}};
+        for (const auto& c : cases) {
+            Built b = construct(c[0], c[1], c[2]);
+            EXPECT_TRUE(b.threw && !b.camera);
             EXPECT_EQ(b.io.out, "");  // the camera was never opened
             EXPECT_EQ(openDescriptors(), before);
         }
-        Built fish = construct("", "", empty);
-        EXPECT_TRUE(fish.threw);
-        EXPECT_EQ(fish.io.out, "");
     }
 }
 
-// Every truncation of both files: either OpenCV's exception before the camera opens, or a running
-// camera without calibration (keys cut off), or, when only the end of the last line went, the
-// full calibration. Never anything in between, and never a crash.
+// Every truncation of both files: OpenCV's exception before the camera opens, a running camera
+// without calibration (keys cut off), or, when only the end of the last line went, the full
+// calibration. Never anything in between, and never a crash.
 TEST_F(BadInput, EveryTruncationGivesADefinedOutcome) {
     Built full = construct(intrinsics_, extrinsics_);
+    EXPECT_EQ(full.io.out, kSetUp);
+    EXPECT_EQ(full.io.err, "");
     ASSERT_TRUE(camera_->maps_valid);
+    EXPECT_TRUE(full.camera->Grab());
     const double fx = camera_->fx, baseline = camera_->baseline;
     full.camera.reset();
 
@@ -210,10 +157,9 @@ TEST_F(BadInput, EveryTruncationGivesADefinedOutcome) {
         const std::string text = slurp(*which);
         std::vector<size_t> cuts;  // every 17th byte and every line end
         for (size_t cut = 0; cut < text.size(); cut += 17) cuts.push_back(cut);
-        for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', nl + 1))
-            cuts.push_back(nl + 1);
+        for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', nl + 1)) cuts.push_back(nl + 1);
         for (size_t cut : cuts) {
-            SCOPED_TRACE((which == &intrinsics_ ? "intrinsics cut at " : "extrinsics cut at ") + std::to_string(cut));
+            SCOPED_TRACE(*which + " cut at " + std::to_string(cut));
             const std::string cut_path = write("cut.yml", text.substr(0, cut));
             Built b = which == &intrinsics_ ? construct(cut_path, extrinsics_) : construct(intrinsics_, cut_path);
             if (b.threw) {
@@ -225,8 +171,7 @@ TEST_F(BadInput, EveryTruncationGivesADefinedOutcome) {
             EXPECT_EQ(b.io.err, "");
             if (camera_->maps_valid) {
                 ++outcomes["calibrated"];
-                EXPECT_EQ(camera_->fx, fx);
-                EXPECT_EQ(camera_->baseline, baseline);
+                EXPECT_TRUE(camera_->fx == fx && camera_->baseline == baseline);
                 EXPECT_TRUE(b.camera->Grab());
             } else {
                 ++outcomes["uncalibrated"];
@@ -240,55 +185,35 @@ TEST_F(BadInput, EveryTruncationGivesADefinedOutcome) {
     EXPECT_GE(outcomes["calibrated"], 1);
 }
 
-// Files of the wrong layout or with matrices of the wrong shape.
 TEST_F(BadInput, WrongLayoutsLeaveTheCameraUncalibratedOrRaiseOpenCvsException) {
-    orvo::vcam::Rig fisheye_rig(orvo::vcam::fisheyeRigSpec());
-    const std::string fisheye = dir_.file("fisheye.yml");
-    ASSERT_TRUE(fisheye_rig.writeFisheye(fisheye));
-    const std::string mono = dir_.file("mono.yml");
+    const std::string fisheye = dir_.file("fisheye.yml"), mono = dir_.file("mono.yml");
+    ASSERT_TRUE(orvo::vcam::Rig(orvo::vcam::fisheyeRigSpec()).writeFisheye(fisheye));
     ASSERT_TRUE(orvo::vcam::Rig().writeMono(mono));
-
-    // Keys of another layout: no maps, no message (a missing key is not an error of the reader).
-    for (auto [in, ex, fish] : {std::tuple{fisheye, fisheye, std::string()},
-                                {extrinsics_, intrinsics_, ""},
-                                {mono, mono, ""},
-                                {"", "", intrinsics_},
-                                {"", "", mono}}) {
-        SCOPED_TRACE(in + " / " + ex + " / " + fish);
-        Built b = construct(in, ex, fish);
-        ASSERT_FALSE(b.threw) << b.what;
-        const std::string progress = fish.empty() ? "" : "read K1\nread D1\n";
-        EXPECT_EQ(b.io.out, progress + kSetUp);
+    // A copy of `source` with the matrix `key` replaced.
+    auto edited = [&](const std::string& source, const std::string& key, const cv::Mat& value) {
+        const std::string path = dir_.file("edited-" + key + ".yml");
+        std::ofstream(path, std::ios::binary) << slurp(source);
+        editMatrices(path, [&](std::map<std::string, cv::Mat>& m) { m[key] = value; });
+        return path;
+    };
+    // Keys of another layout: no maps, no message (a missing key is not an error of the reader);
+    // a single-precision camera matrix would be misread as doubles, so no constants are taken.
+    const std::string cases[][3] = {{fisheye, fisheye, ""}, {extrinsics_, intrinsics_, ""}, {mono, mono, ""},
+                                    {"", "", intrinsics_}, {"", "", mono},
+                                    {edited(intrinsics_, "M1", cv::Mat::eye(3, 3, CV_32F) * 430), extrinsics_, ""}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c[0] + " / " + c[1] + " / " + c[2]);
+        Built b = construct(c[0], c[1], c[2]);
+        ASSERT_FALSE(b.threw);
+        EXPECT_EQ(b.io.out, (c[2].empty() ? "" : "read K1\nread D1\n") + kSetUp);
         EXPECT_EQ(b.io.err, "");
         expectUncalibrated(*b.camera);
     }
-
-    // Matrices that are there but of the wrong shape or type.
-    auto edited = [&](const std::string& source, const std::string& key, const cv::Mat& value) {
-        const std::string path = dir_.file("edited-" + key + ".yml");
-        cv::FileStorage in(source, cv::FileStorage::READ), out(path, cv::FileStorage::WRITE);
-        for (cv::FileNode node : in.root()) {
-            cv::Mat m;
-            node >> m;
-            out << node.name() << (node.name() == key ? value : m);
-        }
-        return path;
-    };
-    // A right projection that is not 3x4: maps are built, but no baseline can be read from it.
-    Built p2 = construct(intrinsics_, edited(extrinsics_, "P2", cv::Mat::eye(3, 3, CV_64F)));
-    ASSERT_FALSE(p2.threw) << p2.what;
-    expectUncalibrated(*p2.camera);
-    p2.camera.reset();
-    // Single-precision camera matrix: the constants would be misread as doubles, so none are.
-    Built m1f = construct(edited(intrinsics_, "M1", cv::Mat::eye(3, 3, CV_32F) * 430), extrinsics_);
-    ASSERT_FALSE(m1f.threw) << m1f.what;
-    expectUncalibrated(*m1f.camera);
-    m1f.camera.reset();
     // Shapes OpenCV's rectification refuses: its exception, before the camera opens.
     for (auto [file, key, value] : {std::tuple{intrinsics_, "M1", cv::Mat(cv::Mat::eye(2, 2, CV_64F))},
                                     {extrinsics_, "R", cv::Mat(cv::Mat::ones(2, 5, CV_64F))},
                                     {extrinsics_, "T", cv::Mat(cv::Mat::ones(1, 1, CV_32S))}}) {
-        SCOPED_TRACE(std::string(key));
+        SCOPED_TRACE(key);
         const std::string path = edited(file, key, value);
         Built b = file == intrinsics_ ? construct(path, extrinsics_) : construct(intrinsics_, path);
         EXPECT_TRUE(b.threw);
@@ -296,12 +221,11 @@ TEST_F(BadInput, WrongLayoutsLeaveTheCameraUncalibratedOrRaiseOpenCvsException) 
     }
 }
 
-// A malformed file on which OpenCV 4.6's parser throws std::length_error (an empty key inside a
-// matrix node; found by the calibration-file fuzzer): callers get OpenCV's own exception.
+// Regression (calibration-file fuzzer): an empty key inside a matrix node made OpenCV 4.6's parser
+// throw std::length_error; callers get OpenCV's own exception.
 TEST_F(BadInput, ParserErrorsOfEveryKindSurfaceAsOpenCvsException) {
-    const std::string empty_key = write("empty-key.yml",
-                                        "%YAML:1.0\n---\nP1: !!opencv-matrix\n   rows: 3\n   : tdd\n");
-    for (zuncvFileType type : {ZUNCV_INTRINSICS, ZUNCV_EXTRINSICS, ZUNCV_MONO, ZUNCV_FISHEYE}) {
+    const std::string empty_key = write("empty-key.yml", "%YAML:1.0\n---\nP1: !!opencv-matrix\n   rows: 3\n   : tdd\n");
+    for (zuncvFileType type : kLayouts) {
         std::vector<cv::Mat> list(2);
         try {
             readYML(empty_key, type, list);
@@ -321,17 +245,16 @@ TEST_F(BadInput, ParserErrorsOfEveryKindSurfaceAsOpenCvsException) {
     EXPECT_EQ(b.io.out, "");
 }
 
-// A 27-byte file on which OpenCV 4.6's parser never returns (a directive on the document-start
-// line; found by the calibration-file fuzzer) is refused as malformed. In a child, so that a
-// hang shows as a failure within seconds.
+// Regression (calibration-file fuzzer): a 27-byte file with a directive on the document-start
+// line, on which OpenCV 4.6's parser never returns, is refused as malformed. In a child, so that
+// a hang shows as a failure within seconds.
 TEST_F(BadInput, FilesThatWouldHangTheParserAreRefusedAsMalformed) {
-    const std::string hang = write("hang.yml", "%YAML:1.0\n---%YAML:1.\nM10\n-");
-    const std::string spaced = write("hang-spaced.yml", "%YAML:1.0\n---  %YAML:1.0\n_\n- ");
-    for (const std::string& path : {hang, spaced}) {
+    for (const std::string& path : {write("hang.yml", "%YAML:1.0\n---%YAML:1.\nM10\n-"),
+                                    write("hang-spaced.yml", "%YAML:1.0\n---  %YAML:1.0\n_\n- ")}) {
         SCOPED_TRACE(path);
         orvo_test::Captured c = orvo_test::runInChild(
             [&] {
-                for (zuncvFileType type : {ZUNCV_INTRINSICS, ZUNCV_EXTRINSICS, ZUNCV_MONO, ZUNCV_FISHEYE}) {
+                for (zuncvFileType type : kLayouts) {
                     std::vector<cv::Mat> list;
                     try {
                         readYML(path, type, list);
@@ -340,8 +263,7 @@ TEST_F(BadInput, FilesThatWouldHangTheParserAreRefusedAsMalformed) {
                         std::printf("%d %zu\n", e.code, list.size());
                     }
                 }
-                Built b = construct(intrinsics_, path);
-                std::printf("facade threw %d\n", int(b.threw));
+                std::printf("facade threw %d\n", int(construct(intrinsics_, path).threw));
             },
             20);
         EXPECT_EQ(c.signal, 0) << "the parser did not return";
@@ -354,66 +276,49 @@ TEST_F(BadInput, FilesThatWouldHangTheParserAreRefusedAsMalformed) {
     std::vector<cv::Mat> list;
     ASSERT_TRUE(readYML(comment, ZUNCV_INTRINSICS, list));
     EXPECT_EQ(list[0].at<double>(0, 0), 4.0);
-    cv::FileStorage xml(dir_.file("m.xml"), cv::FileStorage::WRITE);
-    xml << "M1" << cv::Mat::eye(3, 3, CV_64F);
-    xml.release();
+    {
+        cv::FileStorage xml(dir_.file("m.xml"), cv::FileStorage::WRITE);
+        xml << "M1" << cv::Mat::eye(3, 3, CV_64F);
+    }
     list.clear();
     ASSERT_TRUE(readYML(dir_.file("m.xml"), ZUNCV_INTRINSICS, list));
     EXPECT_EQ(list[0].at<double>(2, 2), 1.0);
 }
 
-// ---- device paths that are no camera ------------------------------------------------------------
-
-orvo_test::Captured facadeOn(const std::string& device) {
-    return orvo_test::runInChild([&] {
-        unsetenv("ORVO_VCAM_DEVICE");  // the virtual camera stays out of the way
-        OrvoCameraParameterList p;
-        p.device_path = device;
-        OrvoCamera camera(p);
-        std::printf("constructed\n");
-    });
-}
-
 TEST(BadDevice, PathsThatAreNoCameraEndTheProcessWithTheirMessages) {
-    orvo_test::ScratchDir dir;
-    const std::string regular = dir.file("not-a-camera");
+    TempDir dir;
+    const std::string regular = dir.file("not-a-camera"), directory = dir.file("a-directory");
     std::ofstream(regular) << "hello";
-    const std::string directory = dir.file("a-directory");
     ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
-    const std::string missing = dir.file("no-such-node");
-
-    struct Case {
-        std::string path;
-        std::string out;
-    };
     auto notV4l2 = [](const std::string& p) {  // opens, but the capability query is not understood
-        return "VIDIOC_QUERYCAP error " + errText(ENOTTY) + "\nCannot identify '" + p + "': " +
-               errText(ENOTTY) + "\nCannot open '" + p + "': " + errText(ENOTTY) + "\n";
+        return "VIDIOC_QUERYCAP error " + errText(ENOTTY) + "\nCannot identify '" + p + "': " + errText(ENOTTY) +
+               "\nCannot open '" + p + "': " + errText(ENOTTY) + "\n";
     };
     auto unopenable = [](const std::string& p, int e) {
         return "Cannot open '" + p + "': " + errText(e) + "\nCannot identify '" + p + "': " + errText(e) +
                "\nCannot open '" + p + "': " + errText(e) + "\n";
     };
-    const std::vector<Case> cases = {
+    const std::pair<std::string, std::string> cases[] = {
         {regular, notV4l2(regular)},
         {"/dev/null", notV4l2("/dev/null")},
         {directory, unopenable(directory, EISDIR)},
-        {missing, unopenable(missing, ENOENT)},
+        {dir.file("no-such-node"), unopenable(dir.file("no-such-node"), ENOENT)},
         {"", unopenable("", ENOENT)},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        orvo_test::Captured r = facadeOn(c.path);
-        EXPECT_EQ(r.out, c.out);
+    for (const auto& [path, out] : cases) {
+        SCOPED_TRACE(path);
+        orvo_test::Captured r = orvo_test::runInChild([&] {
+            OrvoCameraParameterList p;  // no virtual camera in the way
+            p.device_path = path;
+            OrvoCamera camera(p);
+            std::printf("constructed\n");
+        });
+        EXPECT_EQ(r.out, out);
         EXPECT_EQ(r.err, "");
         EXPECT_EQ(r.exit_status, 1);
         EXPECT_EQ(r.signal, 0);
     }
-    // The regular file was opened read-write and left as it was.
-    std::ifstream in(regular);
-    std::string text;
-    in >> text;
-    EXPECT_EQ(text, "hello");
+    EXPECT_EQ(slurp(regular), "hello");  // opened read-write and left as it was
 }
 
 }  // namespace

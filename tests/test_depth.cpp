@@ -129,11 +129,7 @@ protected:
 StereoCamera* Depth::engine_ = nullptr;
 
 TEST_F(Depth, RandomMapsMatchThePlainLoopBitForBit) {
-    struct Case {
-        double cx, cy, fx, b;
-        winpar w;
-        double deg;
-    };
+    struct Case { double cx, cy, fx, b; winpar w; double deg; };
     const double inf = std::numeric_limits<double>::infinity();
     const double b = double(std::fabs(float(-51.6 / 430.0)));  // baseline kept at float precision
     const Case cases[] = {
@@ -208,13 +204,9 @@ TEST_F(Depth, StrictBoundsZeroSkipTiesAndTilt) {
     setConstants(376.0, 240.0, 400.0, 0.125);
     const double nan = std::nan("");
     const winpar w{1.0, 1.0, 5.0, 0.0};
-    const struct {
-        const char* name;
-        std::vector<std::pair<cv::Point, float>> pixels;
-        winpar w;
-        int bin;      // the one bin filled, or -1 for none
-        double y, z;  // of that bin (NaN: not checked)
-    } cases[] = {
+    // The one bin filled (-1: none), with its y and z (NaN: not checked).
+    const struct { const char* name; std::vector<std::pair<cv::Point, float>> pixels; winpar w;
+                   int bin; double y, z; } cases[] = {
         {"Z = 0.4 exactly", {{{376, 200}, 125.0f}}, w, -1, nan, nan},
         {"just beyond 0.4", {{{376, 200}, std::nextafter(125.0f, 0.0f)}}, w, 270, nan, nan},
         {"Z = max depth exactly", {{{376, 200}, 10.0f}}, w, -1, nan, nan},
@@ -298,10 +290,7 @@ TEST_F(Depth, ClustersChainThroughThePreviousFilledBinAndNeedFourMembers) {
     // A gap of exactly 0.05 joins (0.1 - 0.05 == 0.05 in double); one unit in the last place more
     // opens a new cluster.
     ASSERT_EQ(0.1 - 0.05, 0.05);
-    const struct {
-        double x[3], z[3];
-        int last, members0;
-    } gaps[] = {{{0.0, 0.05, 0.1}, {1.0, 1.0, 1.0}, 0, 3},
+    const struct { double x[3], z[3]; int last, members0; } gaps[] = {{{0.0, 0.05, 0.1}, {1.0, 1.0, 1.0}, 0, 3},
                 {{0.0, 0.05, std::nextafter(0.1, 1.0)}, {1.0, 1.0, 1.0}, 1, 2},
                 {{0.3, 0.3, 0.3}, {0.05, 0.1, 0.1500001}, 1, 2}};
     for (const auto& g : gaps) {
@@ -382,10 +371,7 @@ TEST(GetPoint, ScaleRoundingAndSafety) {
 TEST_F(Depth, PolarPlotPixels) {
     std::vector<nerapot> bins = freshBins();
     for (nerapot& b : bins) b.angle = 1.0;  // stale fields of empty bins must still draw nothing
-    const struct {
-        int bin;
-        double depth, angle;
-    } points[] = {{270, 2.0, kPi / 2}, {225, 1.2, 0.8}, {300, 3.0, 2.3}, {200, 6.0, 0.3}};
+    const struct { int bin; double depth, angle; } points[] = {{270, 2.0, kPi / 2}, {225, 1.2, 0.8}, {300, 3.0, 2.3}, {200, 6.0, 0.3}};
     for (const auto& f : points) bins[size_t(f.bin)] = nerapot{0.5, -0.1, f.depth, f.depth, f.angle};
 
     cv::Mat image = cv::Mat::zeros(1000, 1000, CV_8UC3);
@@ -407,11 +393,8 @@ TEST_F(Depth, PolarPlotPixels) {
     cv::Mat grey(200, 300, CV_8UC3, cv::Scalar(40, 40, 40));
     cv::Mat grey_expected = grey.clone();
     engine_->draw_point_image(freshBins().data(), cv::Point3d(0, 0, kEmpty), grey);
-    char text[400];
-    std::snprintf(text, sizeof text, "%f", kEmpty);
-    ASSERT_EQ(std::strlen(text), 316u);
-    cv::putText(grey_expected, text, cv::Point(10, 10), cv::FONT_HERSHEY_PLAIN, 1.0,
-                cv::Scalar(255, 255, 255), 1, 8);
+    cv::putText(grey_expected, std::to_string(kEmpty), cv::Point(10, 10), cv::FONT_HERSHEY_PLAIN,
+                1.0, cv::Scalar(255, 255, 255), 1, 8);  // "%f": all 316 characters
     EXPECT_EQ(cv::norm(grey, grey_expected, cv::NORM_INF), 0.0);
 
     // An empty image is refused with a message instead of an OpenCV exception.

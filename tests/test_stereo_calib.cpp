@@ -53,12 +53,13 @@ struct Report {
 Report maskFigures(const std::string& out) {
     Report r;
     std::smatch m;
-    const std::regex rms("done with RMS error=([0-9.e+-]+)\n");
-    const std::regex epi("average reprojection err = ([0-9.e+-]+)\n");
-    if (std::regex_search(out, m, rms)) r.rms = std::stod(m[1]);
-    if (std::regex_search(out, m, epi)) r.epipolar = std::stod(m[1]);
-    r.text = std::regex_replace(out, rms, "done with RMS error=#\n");
-    r.text = std::regex_replace(r.text, epi, "average reprojection err = #\n");
+    const std::regex figures(
+        "done with RMS error=([0-9.e+-]+)\naverage reprojection err = ([0-9.e+-]+)\n");
+    if (std::regex_search(out, m, figures)) {
+        r.rms = std::stod(m[1]);
+        r.epipolar = std::stod(m[2]);
+    }
+    r.text = std::regex_replace(out, figures, "done with RMS error=#\naverage reprojection err = #\n");
     return r;
 }
 

@@ -38,8 +38,15 @@ std::string frameProblem(double fourcc) {
 const double kYuyv = cv::VideoWriter::fourcc('Y', 'U', 'Y', 'V');
 constexpr int kVirtualIndex = 7;
 
-// Points the virtual camera at /dev/video7, free-running on its test pattern.
-void useVirtualCamera(const char* faults = "") {
+// OpenCV's warnings off, the display double reset, and the virtual camera at /dev/video7
+// free-running on its test pattern with the given faults (no virtual node when null).
+void prepare(const char* faults) {
+    orvo_test::silenceOpenCvLog();
+    display().reset();
+    if (faults == nullptr) {
+        unsetenv("ORVO_VCAM_DEVICE");
+        return;
+    }
     setenv("ORVO_VCAM_DEVICE", "/dev/video7", 1);
     setenv("ORVO_VCAM_SOURCE", "pattern", 1);
     setenv("ORVO_VCAM_FPS", "0", 1);
@@ -51,71 +58,60 @@ void useVirtualCamera(const char* faults = "") {
 TEST(GetMatByPath, UnpaddedNamesGreyAsThreeChannelsAndMisses) {
     orvo_test::silenceOpenCvLog();
     const orvo_test::ScratchDir dir;
-    ASSERT_TRUE(cv::imwrite(dir.file("image7.jpg"), greyRamp({40, 30}, 0)));
-    ASSERT_TRUE(cv::imwrite(dir.file("image0.jpg"), greyRamp({16, 8}, 9)));
-    ASSERT_TRUE(cv::imwrite(dir.file("image12.jpg"), greyRamp({20, 10}, 50)));
-    ASSERT_TRUE(cv::imwrite(dir.file("image0012.jpg"), greyRamp({64, 64}, 0)));
-    ASSERT_TRUE(cv::imwrite(dir.file("img0012.jpg"), greyRamp({64, 64}, 0)));
-    ASSERT_TRUE(cv::imwrite(dir.file("image-4.jpg"), greyRamp({12, 6}, 0)));
-
+    // Only "image<index>.jpg" with the index unpadded is found: not image0012.jpg, not img0012.jpg.
+    const struct {
+        const char* name;
+        int index;
+        cv::Size size;
+    } files[] = {{"image0012.jpg", 99, {64, 64}}, {"img0012.jpg", 99, {64, 64}},
+                 {"image7.jpg", 7, {40, 30}},     {"image0.jpg", 0, {16, 8}},
+                 {"image12.jpg", 12, {20, 10}},   {"image-4.jpg", -4, {12, 6}}};
+    for (const auto& f : files) ASSERT_TRUE(cv::imwrite(dir.file(f.name), greyRamp(f.size, f.index)));
     cv::Mat out;
-    bool ok = false;
-    const auto c = captureOutput([&] { ok = getMatByPath(dir.path(), 7, out); });
+    for (const auto& f : files) {
+        if (f.index == 99) continue;
+        SCOPED_TRACE(f.name);
+        ASSERT_TRUE(getMatByPath(dir.path(), f.index, out));
+        ASSERT_EQ(out.type(), CV_8UC3);  // grey files come back as three equal channels
+        cv::Mat ch[3];
+        cv::split(out, ch);
+        const cv::Mat grey = cv::imread(dir.file(f.name), cv::IMREAD_GRAYSCALE);
+        for (const cv::Mat& c : ch) EXPECT_EQ(cv::norm(c, grey, cv::NORM_INF), 0.0);
+    }
+    // A miss empties the output and says nothing; a directory name longer than the name buffer
+    // is cut, not overrun.
+    bool ok = true;
+    const auto c = captureOutput([&] {
+        ok = getMatByPath(dir.path(), 7, out) && !getMatByPath(dir.path(), 3, out);
+    });
     EXPECT_TRUE(ok);
-    EXPECT_EQ(c.out + c.err, "");
-    ASSERT_EQ(out.type(), CV_8UC3);
-    ASSERT_EQ(out.size(), cv::Size(40, 30));
-    cv::Mat ch[3];
-    cv::split(out, ch);
-    EXPECT_EQ(cv::norm(ch[0], ch[1], cv::NORM_INF), 0.0);
-    EXPECT_EQ(cv::norm(ch[0], ch[2], cv::NORM_INF), 0.0);
-    EXPECT_EQ(cv::norm(ch[0], cv::imread(dir.file("image7.jpg"), cv::IMREAD_GRAYSCALE),
-                       cv::NORM_INF),
-              0.0);
-
-    EXPECT_TRUE(getMatByPath(dir.path(), 12, out));
-    EXPECT_EQ(out.size(), cv::Size(20, 10));  // image12.jpg, not image0012.jpg or img0012.jpg
-    EXPECT_TRUE(getMatByPath(dir.path(), 0, out));
-    EXPECT_EQ(out.size(), cv::Size(16, 8));
-    EXPECT_TRUE(getMatByPath(dir.path(), -4, out));
-    EXPECT_EQ(out.size(), cv::Size(12, 6));
-
-    // A miss empties the output and says nothing.
-    const auto miss = captureOutput([&] { ok = getMatByPath(dir.path(), 3, out); });
-    EXPECT_FALSE(ok);
     EXPECT_TRUE(out.empty());
-    EXPECT_EQ(miss.out + miss.err, "");
-    // A directory name longer than the name buffer is cut, not overrun.
+    EXPECT_EQ(c.out + c.err, "");
     out = greyRamp({4, 4}, 0);
     EXPECT_FALSE(getMatByPath(std::string(600, 'd'), 7, out));
     EXPECT_TRUE(out.empty());
 }
 
 TEST(CaptureTools, CameraIndexWithNothingThere) {
-    orvo_test::silenceOpenCvLog();
-    unsetenv("ORVO_VCAM_DEVICE");
+    prepare(nullptr);
     const orvo_test::ScratchDir dir;
-    display().reset();
     int captured = -1;
-    auto c = captureOutput([&] { captured = capImage(dir.path(), 5); });
-    EXPECT_EQ(captured, 0);
-    EXPECT_EQ(c.out, "");
-    EXPECT_EQ(c.err, "Opencv Camera: 5 error\n");
-
     bool recorded = true;
-    c = captureOutput([&] { recorded = recodeVideo(dir.file("out.avi"), 5); });
+    const auto cap = captureOutput([&] { captured = capImage(dir.path(), 5); });
+    const auto rec = captureOutput([&] { recorded = recodeVideo(dir.file("out.avi"), 5); });
+    EXPECT_EQ(captured, 0);
     EXPECT_FALSE(recorded);
-    EXPECT_EQ(c.out, "");
-    EXPECT_EQ(c.err, "Opencv Camera: 5 error\n");
+    for (const auto& c : {cap, rec}) {
+        EXPECT_EQ(c.out, "");
+        EXPECT_EQ(c.err, "Opencv Camera: 5 error\n");
+    }
     EXPECT_TRUE(display().shown.empty());
     EXPECT_TRUE(orvo_test::listDirectory(dir.path()).empty());
 }
 
 TEST(CaptureTools, RecodeVideoStopsAtTheFirstSuccessfulRead) {
-    orvo_test::silenceOpenCvLog();
-    useVirtualCamera();
+    prepare("");
     const orvo_test::ScratchDir dir;
-    display().reset();
     bool recorded = true;
     const auto c = captureOutput([&] { recorded = recodeVideo(dir.file("out.avi"), kVirtualIndex); });
     EXPECT_FALSE(recorded);
@@ -125,17 +121,14 @@ TEST(CaptureTools, RecodeVideoStopsAtTheFirstSuccessfulRead) {
     EXPECT_TRUE(display().waits.empty());
 
     // A failed first read is written and shown: the empty frame makes the preview throw.
-    useVirtualCamera("DQBUF=EIO");
-    display().reset();
+    prepare("DQBUF=EIO");
     EXPECT_THROW(recodeVideo(dir.file("broken.avi"), kVirtualIndex), cv::Exception);
     EXPECT_TRUE(display().shown.empty());
 }
 
 TEST(CaptureTools, CapImagePreviewsFramesAndQuitsOnLowerCaseQOnly) {
-    orvo_test::silenceOpenCvLog();
-    useVirtualCamera();
+    prepare("");
     const orvo_test::ScratchDir dir;
-    display().reset();
     display().keys = {-1, 'Q', 'a', 0x100000 | 'q', 'q', 'q'};
     int result = -1;
     const auto c = captureOutput([&] { result = capImage(dir.path(), kVirtualIndex); });
@@ -144,19 +137,12 @@ TEST(CaptureTools, CapImagePreviewsFramesAndQuitsOnLowerCaseQOnly) {
     ASSERT_EQ(display().count("recode previwe"), 5u);
     EXPECT_EQ(display().shown.size(), 5u);
     EXPECT_EQ(display().waits, std::vector<int>(5, 1));
-    for (const cv::Mat& frame : display().images("recode previwe")) {
-        EXPECT_EQ(frame.size(), cv::Size(752, 480));
-        EXPECT_EQ(frame.type(), CV_8UC3);
-    }
-    EXPECT_EQ(display().keys.size(), 1u);
     EXPECT_TRUE(orvo_test::listDirectory(dir.path()).empty());  // names only, no files
 }
 
 TEST(CaptureTools, CapImageRepeatsTheFrameProblemAfterReleasingTheCamera) {
-    orvo_test::silenceOpenCvLog();
-    useVirtualCamera("DQBUF@3=EIO");
+    prepare("DQBUF@3=EIO");
     const orvo_test::ScratchDir dir;
-    display().reset();
     // The loop never ends by itself: a file-size limit, set once the camera's buffers exist
     // (they count against it too), stops the child when its error output outgrows 4 KiB.
     display().on_wait = [] {

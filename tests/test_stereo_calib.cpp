@@ -17,36 +17,27 @@
 #include "display_double.h"
 #include "run_capture.h"
 
-using orvo_test::Captured;
 using orvo_test::display;
 using orvo_test::renderedSet;
 
 namespace {
 
-const char* const kTooLittle = "Error: too little pairs to run the calibration\n";
+const std::string kTooLittle = "Error: too little pairs to run the calibration\n";
+const std::string kReport =
+    "Running stereo calibration ...\ndone with RMS error=#\naverage reprojection err = #\n";
 
 // Runs the calibration in `cwd` with its output captured and the display double reset.
-Captured calibrate(const std::string& cwd, const std::vector<std::string>& list,
-                   bool useCalibrated, bool showRectified) {
+orvo_test::Captured calibrate(const std::string& cwd, const std::vector<std::string>& list,
+                              bool showRectified) {
     orvo_test::calibrationCamera();
     orvo_test::silenceOpenCvLog();
     display().reset();
     orvo_test::ScopedCwd in(cwd);
     const auto& rs = renderedSet();
     return orvo_test::captureOutput([&] {
-        camera_->OrvoStereoCalib(list, rs.board.inner, float(rs.board.square), useCalibrated,
-                                 showRectified);
+        camera_->OrvoStereoCalib(list, rs.board.inner, float(rs.board.square), true, showRectified);
     });
 }
-
-// A scratch working directory, with or without the "params" directory the files go to.
-struct WorkDir {
-    orvo_test::ScratchDir scratch;
-    std::string path;
-    explicit WorkDir(bool with_params) : path(scratch.path()) {
-        if (with_params) mkdir((path + "/params").c_str(), 0755);
-    }
-};
 
 std::string lines(const std::vector<std::string>& names) {
     std::string s;
@@ -54,7 +45,7 @@ std::string lines(const std::vector<std::string>& names) {
     return s;
 }
 
-// The two figures of the report, replaced by "#", and their values.
+// The output with the two figures of the report replaced by "#", and their values.
 struct Report {
     std::string text;
     double rms = -1, epipolar = -1;
@@ -62,124 +53,49 @@ struct Report {
 Report maskFigures(const std::string& out) {
     Report r;
     std::smatch m;
-    const std::regex rms("done with RMS error=([0-9.e+-]+)\n");
-    const std::regex epi("average reprojection err = ([0-9.e+-]+)\n");
-    if (std::regex_search(out, m, rms)) r.rms = std::stod(m[1]);
-    if (std::regex_search(out, m, epi)) r.epipolar = std::stod(m[1]);
-    r.text = std::regex_replace(out, rms, "done with RMS error=#\n");
-    r.text = std::regex_replace(r.text, epi, "average reprojection err = #\n");
+    const std::regex figures(
+        "done with RMS error=([0-9.e+-]+)\naverage reprojection err = ([0-9.e+-]+)\n");
+    if (std::regex_search(out, m, figures)) {
+        r.rms = std::stod(m[1]);
+        r.epipolar = std::stod(m[2]);
+    }
+    r.text = std::regex_replace(out, figures, "done with RMS error=#\naverage reprojection err = #\n");
     return r;
 }
 
-// Largest row difference between the board corners of a rectified pair.
-double worstRowError(const cv::Mat& left, const cv::Mat& right, cv::Size board) {
+// Largest row difference between the board corners of a rendered view of the rig rectified
+// through the maps built from a pair of files.
+double rowErrorThroughFiles(const std::string& intrinsics, const std::string& extrinsics,
+                            const orvo::vcam::BoardPose& pose) {
+    const auto& rs = renderedSet();
+    cv::Mat m[4], camera, p2;
+    get_remap_mat(intrinsics, extrinsics, rs.rig.params().size, m[0], m[1], m[2], m[3], camera, p2);
     std::vector<cv::Point2f> c[2];
-    const cv::Mat* img[2] = {&left, &right};
     for (int k = 0; k < 2; ++k) {
-        if (!cv::findChessboardCorners(*img[k], board, c[k], 3)) return 1e9;
-        cv::cornerSubPix(*img[k], c[k], cv::Size(7, 7), cv::Size(-1, -1),
-                         cv::TermCriteria(3, 50, 0.001));
+        cv::Mat img;
+        cv::remap(rs.renderer.render(k, pose), img, m[2 * k], m[2 * k + 1], cv::INTER_LINEAR);
+        if (!cv::findChessboardCorners(img, rs.board.inner, c[k], 3)) return 1e9;
+        cv::cornerSubPix(img, c[k], cv::Size(7, 7), cv::Size(-1, -1), cv::TermCriteria(3, 50, 0.001));
     }
     double worst = 0;
     for (size_t j = 0; j < c[0].size(); ++j) worst = std::max(worst, double(std::fabs(c[0][j].y - c[1][j].y)));
     return worst;
 }
 
-// Rectifies a rendered view of the rig through the maps built from a pair of files.
-double rowErrorThroughFiles(const std::string& intrinsics, const std::string& extrinsics,
-                            const orvo::vcam::BoardPose& pose) {
-    const auto& rs = renderedSet();
-    cv::Mat m[4], camera, p2;
-    get_remap_mat(intrinsics, extrinsics, rs.rig.params().size, m[0], m[1], m[2], m[3], camera, p2);
-    cv::Mat left, right;
-    cv::remap(rs.renderer.render(0, pose), left, m[0], m[1], cv::INTER_LINEAR);
-    cv::remap(rs.renderer.render(1, pose), right, m[2], m[3], cv::INTER_LINEAR);
-    return worstRowError(left, right, rs.board.inner);
-}
-
-std::vector<std::string> topLevelKeys(const std::string& path) {
-    cv::FileStorage fs(path, cv::FileStorage::READ);
-    return fs.root().keys();
-}
-
-bool hasColour(const cv::Vec3b& p) {
-    const int hi = std::max({p[0], p[1], p[2]}), lo = std::min({p[0], p[1], p[2]});
-    return hi - lo > 60;
-}
-
 }  // namespace
-
-TEST(ChessboardRenderer, ViewsMatchTheRigAndTheSetHasItsSpecialPairs) {
-    const auto& rs = renderedSet();
-    const auto& set = rs.set;
-    // The detector, refined, lands on the true projections of the inner corners in our order.
-    for (int pose : {0, 4, 9}) {
-        for (int lens = 0; lens < 2; ++lens) {
-            const cv::Mat img = cv::imread(set.list[2 * size_t(pose) + size_t(lens)], 0);
-            ASSERT_EQ(img.size(), rs.rig.params().size);
-            std::vector<cv::Point2f> found;
-            ASSERT_TRUE(cv::findChessboardCorners(img, rs.board.inner, found, 3));
-            cv::cornerSubPix(img, found, cv::Size(11, 11), cv::Size(-1, -1),
-                             cv::TermCriteria(3, 30, 0.01));
-            const auto truth = rs.renderer.corners(lens, set.poses[size_t(pose)]);
-            ASSERT_EQ(found.size(), truth.size());
-            for (size_t j = 0; j < truth.size(); ++j)
-                EXPECT_LT(cv::norm(cv::Point2d(found[j]) - truth[j]), 0.15)
-                    << "pose " << pose << " lens " << lens << " corner " << j;
-        }
-    }
-    // The far board is missed on the image as it is and found on the image enlarged twice.
-    ASSERT_GE(set.far_pair, 0);
-    for (int lens = 0; lens < 2; ++lens) {
-        const cv::Mat img = cv::imread(set.list[2 * size_t(set.far_pair) + size_t(lens)], 0);
-        std::vector<cv::Point2f> c;
-        EXPECT_FALSE(cv::findChessboardCorners(img, rs.board.inner, c, 3)) << "lens " << lens;
-        cv::Mat big;
-        cv::resize(img, big, cv::Size(), 2, 2, cv::INTER_LINEAR);
-        EXPECT_TRUE(cv::findChessboardCorners(big, rs.board.inner, c, 3)) << "lens " << lens;
-    }
-    struct stat st;
-    EXPECT_EQ(stat(set.list[2 * size_t(set.missing_right_pair) + 1].c_str(), &st), -1);
-    EXPECT_EQ(stat(set.list[2 * size_t(set.missing_right_pair)].c_str(), &st), 0);
-    EXPECT_NE(cv::imread(set.list[2 * size_t(set.other_size_pair) + 1], 0).size(),
-              rs.rig.params().size);
-    EXPECT_EQ(orvo_test::readFile(set.list_file), lines(set.list));
-    EXPECT_EQ(set.list.size(), 2 * set.poses.size());
-}
 
 TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
     const auto& rs = renderedSet();
     const auto& set = rs.set;
-    const WorkDir work(true);
-    const std::string& dir = work.path;
-    const auto list = set.listWithout(set.far_pair);
-    const Captured c = calibrate(dir, list, true, false);
+    const orvo_test::ScratchDir work;
+    mkdir(work.file("params").c_str(), 0755);
+    const orvo_test::Captured c = calibrate(work.path(), set.listWithout(set.far_pair), false);
 
-    // Every loaded image of the first size is named; the missing right image is silent, the
-    // image of another size gets its message and no name line.
-    std::string expected;
-    int pairs = 0;
-    for (int i = 0; i < int(set.poses.size()); ++i) {
-        if (i == set.far_pair) continue;
-        const std::string& left = set.list[2 * size_t(i)];
-        const std::string& right = set.list[2 * size_t(i) + 1];
-        if (i == set.missing_right_pair) {
-            expected += left + "\n";
-        } else if (i == set.other_size_pair) {
-            expected += left + "\nThe image " + right +
-                        " has the size different from the first image size. Skipping the pair\n";
-        } else {
-            expected += left + "\n" + right + "\n";
-            ++pairs;
-        }
-    }
-    ASSERT_EQ(pairs, 12);
-    expected += "12 pairs have been successfully detected.\n"
-                "Running stereo calibration ...\n"
-                "done with RMS error=#\n"
-                "average reprojection err = #\n";
+    // The pairs missing an image or of another size drop out with the messages checked below.
     const Report r = maskFigures(c.out);
-    EXPECT_EQ(r.text, expected);
+    const std::string tail = "\n12 pairs have been successfully detected.\n" + kReport;
+    ASSERT_GE(r.text.size(), tail.size());
+    EXPECT_EQ(r.text.substr(r.text.size() - tail.size()), tail) << r.text;
     EXPECT_GT(r.rms, 0.0);
     EXPECT_LT(r.rms, 0.3);
     EXPECT_GT(r.epipolar, 0.0);
@@ -187,12 +103,12 @@ TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
     EXPECT_EQ(display().count("corners"), 26u);
     EXPECT_EQ(display().count("rectified"), 0u);
 
-    const std::string intrinsics = dir + "/params/intrinsics.yml";
-    const std::string extrinsics = dir + "/params/extrinsics.yml";
-    EXPECT_EQ(topLevelKeys(intrinsics), (std::vector<std::string>{"M1", "D1", "M2", "D2"}));
-    EXPECT_EQ(topLevelKeys(extrinsics),
+    const std::string intrinsics = work.file("params/intrinsics.yml");
+    const std::string extrinsics = work.file("params/extrinsics.yml");
+    EXPECT_EQ(cv::FileStorage(intrinsics, cv::FileStorage::READ).root().keys(),
+              (std::vector<std::string>{"M1", "D1", "M2", "D2"}));
+    EXPECT_EQ(cv::FileStorage(extrinsics, cv::FileStorage::READ).root().keys(),
               (std::vector<std::string>{"R", "T", "R1", "R2", "P1", "P2", "Q"}));
-
     std::vector<cv::Mat> in, ex;
     ASSERT_TRUE(readYML(intrinsics, ZUNCV_INTRINSICS, in));
     ASSERT_TRUE(readYML(extrinsics, ZUNCV_EXTRINSICS, ex));
@@ -222,100 +138,73 @@ TEST(StereoCalib, RecoversTheRigAndWritesFilesThatRectifyIt) {
     EXPECT_LT(cv::norm(rvec, cv::Mat(truth.rotation)), 0.002);
     EXPECT_EQ(ex[5].at<double>(1, 3), 0.0);  // horizontal rig: P2's vertical term is zero
 
-    // A view of the rig that was not in the set comes out row-aligned through the written files,
-    // as it does through the true rig's own files.
+    // A view of the rig that was not in the set comes out row-aligned through the written files.
     const auto pose = orvo::vcam::boardPoseAt(rs.board, cv::Vec3d(0.04, -0.03, 0.75), 12, -18, 6);
     EXPECT_LE(rowErrorThroughFiles(intrinsics, extrinsics, pose), 0.5);
-    const WorkDir truth_work(false);
-    const std::string& truth_dir = truth_work.path;
-    ASSERT_TRUE(rs.rig.writeStereo(truth_dir + "/intrinsics.yml", truth_dir + "/extrinsics.yml"));
-    EXPECT_LE(rowErrorThroughFiles(truth_dir + "/intrinsics.yml", truth_dir + "/extrinsics.yml",
-                                   pose),
-              0.5);
 }
 
 TEST(StereoCalib, ListsThatCannotBeCalibrated) {
     const auto& set = renderedSet().set;
-    const WorkDir work(true);
-    const std::string& dir = work.path;
-
-    // An odd list stops before anything is loaded or shown.
-    std::vector<std::string> odd = set.pairs({0, 1});
-    odd.pop_back();
-    Captured c = calibrate(dir, odd, true, true);
-    EXPECT_EQ(c.out, "Error: the image list contains odd (non-even) number of elements\n");
-    EXPECT_TRUE(display().shown.empty());
-
-    // An empty list is even: the count, then the refusal.
-    c = calibrate(dir, {}, true, true);
-    EXPECT_EQ(c.out, std::string("0 pairs have been successfully detected.\n") + kTooLittle);
-
-    // One good pair, no plural form.
-    c = calibrate(dir, set.pairs({0}), true, true);
-    EXPECT_EQ(c.out, lines(set.pairs({0})) + "1 pairs have been successfully detected.\n" +
-                         kTooLittle);
-    EXPECT_EQ(display().count("corners"), 2u);
-
-    // A pair without its right image drops out silently after its left image was shown.
-    const int m = set.missing_right_pair;
-    c = calibrate(dir, set.pairs({0, m}), true, true);
-    EXPECT_EQ(c.out, lines(set.pairs({0})) + set.list[2 * size_t(m)] + "\n" +
-                         "1 pairs have been successfully detected.\n" + kTooLittle);
-    EXPECT_EQ(display().count("corners"), 3u);
-
-    // A missing left image: the right one is not even loaded.
-    const std::vector<std::string> no_left = {dir + "/nothing.png", set.list[1]};
-    c = calibrate(dir, no_left, true, true);
-    EXPECT_EQ(c.out, std::string("0 pairs have been successfully detected.\n") + kTooLittle);
-    EXPECT_TRUE(display().shown.empty());
-
-    // A left image of another size than the first loaded image.
-    const int s = set.other_size_pair;
-    std::vector<std::string> sizes = set.pairs({0});
-    sizes.push_back(set.list[2 * size_t(s) + 1]);
-    sizes.push_back(set.list[2]);
-    c = calibrate(dir, sizes, true, true);
-    EXPECT_EQ(c.out, lines(set.pairs({0})) + "The image " + sizes[2] +
-                         " has the size different from the first image size. Skipping the pair\n"
-                         "1 pairs have been successfully detected.\n" +
-                         kTooLittle);
-
-    // An image without a board is shown all the same, then its pair is dropped.
-    const std::string blank = dir + "/blank.png";
+    const orvo_test::ScratchDir work;
+    mkdir(work.file("params").c_str(), 0755);
+    const std::string blank = work.file("blank.png");
     ASSERT_TRUE(cv::imwrite(blank, cv::Mat(renderedSet().rig.params().size, CV_8U, cv::Scalar(128))));
-    c = calibrate(dir, {set.list[0], set.list[1], blank, set.list[3]}, true, true);
-    EXPECT_EQ(c.out, lines({set.list[0], set.list[1], blank}) +
-                         "1 pairs have been successfully detected.\n" + kTooLittle);
-    EXPECT_EQ(display().count("corners"), 3u);
-
-    EXPECT_TRUE(orvo_test::listDirectory(dir + "/params").empty());
+    const int missing = set.missing_right_pair;
+    const std::string other_size = set.list[2 * size_t(set.other_size_pair) + 1];
+    const std::string first = lines(set.pairs({0}));
+    const std::string none = "0 pairs have been successfully detected.\n" + kTooLittle;
+    const std::string one = "1 pairs have been successfully detected.\n" + kTooLittle;
+    const struct {
+        const char* name;
+        std::vector<std::string> list;
+        std::string out;
+        size_t shown;
+    } cases[] = {
+        {"odd list: stops before anything is loaded", {set.list[0], set.list[1], set.list[2]},
+         "Error: the image list contains odd (non-even) number of elements\n", 0},
+        {"empty list: the count, then the refusal", {}, none, 0},
+        {"one good pair, no plural form", set.pairs({0}), first + one, 2},
+        {"no right image: dropped silently after its left was shown", set.pairs({0, missing}),
+         first + set.list[2 * size_t(missing)] + "\n" + one, 3},
+        {"no left image: the right one is not even loaded",
+         {work.file("nothing.png"), set.list[1]}, none, 0},
+        {"left image of another size than the first",
+         {set.list[0], set.list[1], other_size, set.list[2]},
+         first + "The image " + other_size +
+             " has the size different from the first image size. Skipping the pair\n" + one,
+         2},
+        {"no board: shown all the same, then dropped", {set.list[0], set.list[1], blank, set.list[3]},
+         lines({set.list[0], set.list[1], blank}) + one, 3},
+    };
+    for (const auto& cs : cases) {
+        SCOPED_TRACE(cs.name);
+        EXPECT_EQ(calibrate(work.path(), cs.list, true).out, cs.out);
+        EXPECT_EQ(display().count("corners"), cs.shown);
+        EXPECT_EQ(display().shown.size(), cs.shown);
+    }
+    EXPECT_TRUE(orvo_test::listDirectory(work.file("params")).empty());
 }
 
-TEST(StereoCalib, WithoutParamsDirectoryBothSavesFailAndTheDisplayStillRuns) {
-    const auto& set = renderedSet().set;
-    const WorkDir work(false);
-    const std::string& dir = work.path;
-    const auto list = set.pairs({0, 1, 2});
-    const Captured c = calibrate(dir, list, true, true);
-    const Report r = maskFigures(c.out);
-    EXPECT_EQ(r.text, lines(list) +
-                          "3 pairs have been successfully detected.\n"
-                          "Running stereo calibration ...\n"
-                          "done with RMS error=#\n"
-                          "average reprojection err = #\n"
-                          "Error: can not save the intrinsic parameters\n"
-                          "Error: can not save the extrinsic parameters\n");
-    EXPECT_EQ(display().count("rectified"), 3u);
-    EXPECT_TRUE(orvo_test::listDirectory(dir).empty());
-}
-
-TEST(StereoCalib, FarBoardIsFoundEnlargedAndDrawnOnTheImageGrid) {
+TEST(StereoCalib, FarBoardDrawnOnTheImageGridAndWithoutParamsBothSavesFail) {
     const auto& rs = renderedSet();
     const int far = rs.set.far_pair;
-    const WorkDir work(true);
-    const std::string& dir = work.path;
-    const Captured c = calibrate(dir, rs.set.pairs({0, far}), true, false);
-    EXPECT_NE(c.out.find("2 pairs have been successfully detected.\n"), std::string::npos) << c.out;
+    // The far board is missed on the image as it is and found on the image enlarged twice.
+    for (int lens = 0; lens < 2; ++lens) {
+        const cv::Mat img = cv::imread(rs.set.list[2 * size_t(far) + size_t(lens)], 0);
+        std::vector<cv::Point2f> c;
+        ASSERT_FALSE(cv::findChessboardCorners(img, rs.board.inner, c, 3)) << "lens " << lens;
+        cv::Mat big;
+        cv::resize(img, big, cv::Size(), 2, 2, cv::INTER_LINEAR);
+        ASSERT_TRUE(cv::findChessboardCorners(big, rs.board.inner, c, 3)) << "lens " << lens;
+    }
+    const orvo_test::ScratchDir work;  // no "params" directory
+    const auto list = rs.set.pairs({0, far});
+    const Report r = maskFigures(calibrate(work.path(), list, true).out);
+    EXPECT_EQ(r.text, lines(list) + "2 pairs have been successfully detected.\n" + kReport +
+                          "Error: can not save the intrinsic parameters\n"
+                          "Error: can not save the extrinsic parameters\n");
+    EXPECT_EQ(display().count("rectified"), 2u);  // the display still runs
+    EXPECT_TRUE(orvo_test::listDirectory(work.path()).empty());
 
     const auto shown = display().images("corners");
     ASSERT_EQ(shown.size(), 4u);
@@ -324,19 +213,14 @@ TEST(StereoCalib, FarBoardIsFoundEnlargedAndDrawnOnTheImageGrid) {
         // on their positions in the enlarged image.
         const cv::Mat& img = shown[2 + size_t(lens)];
         ASSERT_EQ(img.size(), rs.rig.params().size);
-        cv::Point2d sum(0, 0);
-        int n = 0;
-        for (int y = 0; y < img.rows; ++y)
-            for (int x = 0; x < img.cols; ++x)
-                if (hasColour(img.at<cv::Vec3b>(y, x))) {
-                    sum += cv::Point2d(x, y);
-                    ++n;
-                }
-        ASSERT_GT(n, 200) << "lens " << lens;
+        cv::Mat ch[3];
+        cv::split(img, ch);
+        const cv::Mat chroma = cv::max(cv::max(ch[0], ch[1]), ch[2]) - cv::min(cv::min(ch[0], ch[1]), ch[2]);
+        const cv::Moments m = cv::moments(chroma > 60, true);
+        ASSERT_GT(m.m00, 200) << "lens " << lens;
         cv::Point2d mean(0, 0);
         const auto truth = rs.renderer.corners(lens, rs.set.poses[size_t(far)]);
-        for (const auto& p : truth) mean += p;
-        mean *= 1.0 / double(truth.size());
-        EXPECT_LT(cv::norm(sum * (1.0 / n) - mean), 2.0) << "lens " << lens;
+        for (const auto& p : truth) mean += p * (1.0 / double(truth.size()));
+        EXPECT_LT(cv::norm(cv::Point2d(m.m10 / m.m00, m.m01 / m.m00) - mean), 2.0) << "lens " << lens;
     }
 }

@@ -316,15 +316,9 @@ TEST_F(VcamV4l2, EveryOpenEntryPointReachesTheNodeAndOtherPathsAreUntouched) {
     EXPECT_EQ(ENOENT, errno);
     close(dir);
 
-    const int null = open("/dev/null", O_RDWR);
-    EXPECT_EQ(-1, ioctl(null, VIDIOC_QUERYCAP, &cap));
-    EXPECT_EQ(ENOTTY, errno) << "forwarded to the kernel";
-    EXPECT_EQ(1, write(null, "x", 1));
-    EXPECT_EQ(0, close(null));
+    // Other descriptors go to the kernel (the capture tests drive /dev/null and a closed node).
     for (int fd : fds) EXPECT_EQ(0, close(fd));
     EXPECT_FALSE(orvo::vcam::statistics().active);
-    EXPECT_EQ(-1, close(null));
-    EXPECT_EQ(EBADF, errno);
 
     ScopedEnv inert{{"ORVO_VCAM_DEVICE", nullptr}};
     const uint64_t sessions = orvo::vcam::statistics().sessions;

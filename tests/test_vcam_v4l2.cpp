@@ -212,6 +212,10 @@ TEST_F(VcamV4l2, OnlyTheOwnerMayUseTheQueueAndClosingItStopsStreamingButMappings
     EXPECT_EQ(EBUSY, other.queue(0));
     EXPECT_EQ(EBUSY, other.streamOn());
     EXPECT_EQ(EBUSY, other.dequeue(&b));
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parm.parm.capture.timeperframe = {1, 30};
+    EXPECT_EQ(EBUSY, other.call(VIDIOC_S_PARM, &parm)) << "nor set the frame interval";
     EXPECT_EQ(2u, orvo::vcam::statistics().open_descriptors);
     EXPECT_EQ(sessions + 1, orvo::vcam::statistics().sessions) << "two descriptors, one session";
     ASSERT_EQ(0, c.mapAll());

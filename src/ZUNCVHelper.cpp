@@ -72,25 +72,31 @@ cv::Mat channelMismatch() {
     return cv::Mat(0, 0, CV_8UC1);
 }
 
-// OpenCV 4.6's YAML parser never returns from a file whose document-start line carries a
-// directive ("---%YAML:1.0") when a plain key line and a line starting with '-' follow. No valid
-// file has one (directives stand on lines of their own before "---"), so such a file is refused
-// as malformed before OpenCV sees it. XML and JSON files are left to OpenCV.
-bool directiveAfterDocumentStart(const std::string& path) {
+// Two kinds of YAML line that OpenCV 4.6's parser mishandles, and that no valid file has, make a
+// file refused as malformed before OpenCV sees it (XML and JSON files are left to OpenCV):
+// - a directive on the document-start line ("---%YAML:1.0"): with a plain key line and a line
+//   starting with '-' after it, the parser never returns (directives stand on lines of their own
+//   before "---");
+// - an empty key (a line whose first non-blank character is ':') after another key of the same
+//   mapping: the parser reads the byte before its line buffer looking for the key's end, then
+//   fails on a key of negative length.
+// Returns what is wrong, or nullptr.
+const char* yamlTheParserMishandles(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::string line;
     bool first = true;
     while (std::getline(in, line)) {
+        const size_t start = line.find_first_not_of(" \t\r");
         if (first) {
-            const size_t start = line.find_first_not_of(" \t\r");
-            if (start != std::string::npos && (line[start] == '<' || line[start] == '{')) return false;
+            if (start != std::string::npos && (line[start] == '<' || line[start] == '{')) return nullptr;
             first = false;
         }
+        if (start != std::string::npos && line[start] == ':') return "an empty key";
         if (line.compare(0, 3, "---") != 0) continue;
         const size_t next = line.find_first_not_of(" \t", 3);
-        if (next != std::string::npos && line[next] == '%') return true;
+        if (next != std::string::npos && line[next] == '%') return "a directive after the document start";
     }
-    return false;
+    return nullptr;
 }
 
 bool readLayout(const std::string& path, zuncvFileType type, std::vector<cv::Mat>& out) {
@@ -99,9 +105,8 @@ bool readLayout(const std::string& path, zuncvFileType type, std::vector<cv::Mat
         std::cerr << " Read File : " << path << "Error !" << std::endl;
         return false;
     }
-    if (directiveAfterDocumentStart(path))
-        CV_Error(cv::Error::StsParseError,
-                 "malformed calibration file '" + path + "': a directive after the document start");
+    if (const char* wrong = yamlTheParserMishandles(path))
+        CV_Error(cv::Error::StsParseError, "malformed calibration file '" + path + "': " + wrong);
     if (!fs.open(path, cv::FileStorage::READ)) {
         std::cerr << " Read File : " << path << "Error !" << std::endl;
         return false;

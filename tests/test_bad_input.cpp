@@ -232,7 +232,11 @@ TEST_F(BadInput, ParserErrorsOfEveryKindSurfaceAsOpenCvsException) {
             ADD_FAILURE() << "no exception for layout " << int(type);
         } catch (const cv::Exception& e) {
             EXPECT_EQ(e.code, cv::Error::StsParseError);
-            EXPECT_NE(std::string(e.what()).find(empty_key), std::string::npos) << e.what();
+            // Refused before OpenCV's parser, which reads the byte before its line buffer on an
+            // empty key after another key (Valgrind saw it; the sanitizers do not see into OpenCV).
+            EXPECT_NE(std::string(e.what()).find("malformed calibration file '" + empty_key + "': an empty key"),
+                      std::string::npos)
+                << e.what();
         } catch (...) {
             ADD_FAILURE() << "an exception other than OpenCV's for layout " << int(type);
         }

@@ -1,6 +1,7 @@
-// Rendered scenes: images against the rig's projection, motion conventions, trailer, truth, files.
+// The virtual camera's sources (pattern, raw:, scene:), its inertial trailer, truth file and scene files.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -9,9 +10,11 @@
 
 #include "OrvoCamera.h"
 #include "frame_format.h"
+#include "run_capture.h"
 #include "scene.h"
 #include "scratch_dir.h"
 #include "v4l2_client.h"
+#include "vcam.h"
 
 namespace {
 
@@ -19,26 +22,26 @@ using namespace orvo::vcam;
 namespace frame = orvo::frame;
 using orvo_test::ScopedEnv;
 
+constexpr const char* kNode = "/dev/video-virtual-scene";
+
 double rad(double degrees) { return degrees * M_PI / 180; }
 
-// One lens's image: the left lens is on the odd bytes, the right lens on the even ones.
-cv::Mat lensImage(const std::vector<uint8_t>& f, int lens) {
-    cv::Mat m(frame::kHeight, frame::kWidth, CV_8U);
-    for (size_t i = 0; i < frame::kPixels; ++i) m.data[i] = f[2 * i + (lens == 0)];
-    return m;
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-struct Decoded {
-    std::vector<TrailerRecord> records;
-    uint32_t frame_ticks = 0;
-};
+void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
-// The trailer read straight from the bytes: 24-byte records from L-489, count in the last byte.
-Decoded decodeTrailer(const std::vector<uint8_t>& f) {
+struct Decoded { std::vector<TrailerRecord> records; uint32_t frame_ticks = 0; };
+
+// The trailer as a reader sees it: 24-byte records from L-489, count in the last byte, the frame
+// time in the slot after the last record.
+Decoded decodeTrailer(const uint8_t* f) {
     const auto u32 = [](const uint8_t* p) { return uint32_t(p[0] | p[1] << 8 | p[2] << 16) | uint32_t(p[3]) << 24; };
-    const uint8_t* block = f.data() + f.size() - 489;
+    const uint8_t* block = f + frame::kBytes - 489;
     Decoded d;
-    const size_t n = f.back();
+    const size_t n = f[frame::kBytes - 1];
     for (size_t i = 0; i < n && i < 20; ++i) {
         const uint8_t* r = block + i * 24;
         TrailerRecord rec;
@@ -53,11 +56,88 @@ Decoded decodeTrailer(const std::vector<uint8_t>& f) {
     return d;
 }
 
-void expectRecordIs(const TrailerRecord& r, const ImuTruthSample& t) {
-    EXPECT_EQ(r.ticks, t.ticks);
-    for (int a = 0; a < 3; ++a) {
-        EXPECT_EQ(r.gyro[a], t.gyro_raw[a]) << "gyro " << a;
-        EXPECT_EQ(r.accel[a], t.accel_raw[a]) << "accel " << a;
+TEST(VcamPattern, LensesSeeOneTextureWithAFixedDisparityAndEverySampleOnce) {
+    std::string error;
+    auto src = makeFrameSource("pattern", &error);
+    ASSERT_TRUE(src) << error;
+    std::vector<uint8_t> f(frame::kBytes);
+    uint32_t expect_ticks = 0;
+    for (uint64_t k = 0; k < 60; ++k) {
+        FrameTruth t;
+        src->render(k, k / 30.0, f.data(), t);
+        const Decoded d = decodeTrailer(f.data());
+        ASSERT_EQ(t.imu.size(), d.records.size());
+        EXPECT_EQ(uint32_t(std::llround(k / 30.0 * 1e6)), d.frame_ticks);
+        for (size_t i = 0; i < d.records.size(); ++i, expect_ticks += 5000) {
+            EXPECT_EQ(expect_ticks, d.records[i].ticks) << "samples every 5 ms, none lost or repeated";
+            // 0.2 rad/s at 57.3 deg/rad and 16.4 counts per deg/s; 1 g
+            EXPECT_TRUE(d.records[i].gyro[2] == 188 && d.records[i].accel[2] == 8192);
+        }
+        EXPECT_EQ("source=pattern shift=" + std::to_string(k) + " disparity=12", t.extra);
+    }
+    EXPECT_EQ(uint32_t(59 * 200 / 30 + 1) * 5000, expect_ticks);
+    // The left lens (odd bytes) at x + 12 is the right lens (even bytes) at x.
+    size_t lens_differ = 0;
+    for (int y = 0; y < frame::kHeight - 1; ++y)  // the last row carries the trailer
+        for (size_t x = 0, i = size_t(y) * frame::kWidth; x + 12 < size_t(frame::kWidth); ++x) {
+            ASSERT_EQ(f[2 * (i + x + 12) + 1], f[2 * (i + x)]) << x << "," << y;
+            lens_differ += f[2 * (i + x) + 1] != f[2 * (i + x)];
+        }
+    EXPECT_GT(lens_differ, size_t(frame::kWidth * (frame::kHeight - 1) / 2));
+    // At 5 frames a second 40 samples fall in one frame: only the newest 19 fit beside the time.
+    FrameTruth t;
+    src->render(1, 0.2, f.data(), t);
+    const Decoded d = decodeTrailer(f.data());
+    ASSERT_EQ(19u, d.records.size());
+    EXPECT_TRUE(d.records[0].ticks == 110000u && d.records[18].ticks == 200000u);
+}
+
+TEST(VcamRaw, ReplaysARecordingInOrderAndLoopsAndTheNodeRefusesBadSettingsSayingWhy) {
+    std::string bytes(3 * frame::kBytes, '\0');
+    cv::randu(cv::Mat(1, int(bytes.size()), CV_8U, &bytes[0]), 0, 256);
+    const std::string dir = ORVO_BINARY_DIR, path = dir + "/vcam_replay.raw", empty = dir + "/vcam_empty.raw",
+                      odd = dir + "/vcam_odd.raw";
+    writeText(path, bytes);
+    writeText(empty, "");
+    writeText(odd, std::string(frame::kBytes + 1, '\0'));
+    std::string error;
+    auto src = makeFrameSource("raw:" + path, &error);
+    ASSERT_TRUE(src) << error;
+    std::vector<uint8_t> f(frame::kBytes);
+    for (uint64_t k = 0; k < 7; ++k) {
+        FrameTruth t;
+        src->render(k, 0, f.data(), t);
+        ASSERT_EQ(0, std::memcmp(f.data(), &bytes[(k % 3) * frame::kBytes], frame::kBytes)) << "frame " << k;
+        EXPECT_EQ("source=raw frame=" + std::to_string(k % 3), t.extra);
+    }
+    const struct {
+        const char* variable;
+        std::string value, message;
+    } cases[] = {
+        {"ORVO_VCAM_SOURCE", "raw:/nonexistent/x.raw",
+         "'raw:/nonexistent/x.raw': cannot open the file: No such file or directory"},
+        {"ORVO_VCAM_SOURCE", "raw:" + empty, "'raw:" + empty + "': the file is empty"},
+        {"ORVO_VCAM_SOURCE", "raw:" + odd, "'raw:" + odd + "': 721921 bytes is not a whole number of 721920-byte frames"},
+        {"ORVO_VCAM_SOURCE", "raw:", "'raw:' needs a file name (raw:FILE)"},
+        {"ORVO_VCAM_SOURCE", "bogus", "unknown source 'bogus' (expected pattern, raw:FILE or scene:FILE)"},
+        {"ORVO_VCAM_SOURCE", "scene:", "'scene:' needs a file name (scene:FILE)"},
+        {"ORVO_VCAM_FPS", "fast", "'fast' is not a frame rate (a number >= 0; 0 = free-running)"},
+        {"ORVO_VCAM_TRUTH", "/nonexistent/truth.txt",
+         "cannot open '/nonexistent/truth.txt' for appending: No such file or directory"},
+    };
+    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", nullptr},
+                  {"ORVO_VCAM_TRUTH", nullptr}, {"ORVO_VCAM_FAULTS", nullptr}};
+    for (const auto& c : cases) {  // the node refuses to open, and says why on stderr
+        SCOPED_TRACE(c.value);
+        ScopedEnv bad{{c.variable, c.value.c_str()}};
+        int fd = 0, err = 0;
+        const auto out = orvo_test::captureOutput([&] {
+            fd = open(kNode, O_RDWR);
+            err = errno;
+        });
+        EXPECT_TRUE(fd == -1 && err == EINVAL) << fd << " " << err;
+        EXPECT_EQ("orvo-vcam: cannot open " + std::string(kNode) + ": " + c.variable + ": " + c.message + "\n",
+                  out.err);
     }
 }
 
@@ -65,43 +145,17 @@ void expectRecordIs(const TrailerRecord& r, const ImuTruthSample& t) {
 Scene outlineScene(const RigSpec& rig) {
     Scene s;
     s.rig = rig;
-    s.render.ambient = 1;
-    s.render.diffuse = 0;
-    s.render.background = 50;
+    s.render.ambient = 1, s.render.diffuse = 0, s.render.background = 50;
     SceneObject wall, box;
-    wall.centre = {0, 6, 0.5};
-    wall.axis_v = {0, 0, 1};
-    wall.size = {40, 40, 0};
+    wall.centre = {0, 6, 0.5}, wall.axis_v = {0, 0, 1}, wall.size = {40, 40, 0};
+    box.kind = SceneObject::kBox, box.centre = {0.1, 2.0, 0.5}, box.size = {0.6, 0.4, 1.0};
     wall.texture.kind = box.texture.kind = SceneTexture::kFlat;
-    wall.texture.mean = 50;
-    box.kind = SceneObject::kBox;
-    box.centre = {0.1, 2.0, 0.5};
-    box.size = {0.6, 0.4, 1.0};
-    box.texture.mean = 220;
+    wall.texture.mean = 50, box.texture.mean = 220;
     s.objects = {wall, box};
     return s;
 }
 
-struct Source {
-    std::unique_ptr<FrameSource> source;
-    std::vector<uint8_t> bytes = std::vector<uint8_t>(frame::kBytes);
-    FrameTruth truth;
-
-    explicit Source(const Scene& scene) {
-        std::string error;
-        source = makeSceneSource(scene, &error);
-        EXPECT_TRUE(source) << error;
-    }
-    void render(uint64_t index) {
-        truth = FrameTruth();
-        source->render(index, index / 30.0, bytes.data(), truth);
-    }
-};
-
-struct OutlineError {
-    double worst = 0, mean = 0;
-    int checked = 0;
-};
+struct OutlineError { double worst = 0, mean = 0; int checked = 0; };
 
 // Distance in pixels between the rendered outline of the box's front face (left, right and top
 // edges, every 7 pixels) and its projection through the rig's own model at time t.
@@ -158,81 +212,37 @@ TEST(SceneRender, OutlinesFallWhereTheRigProjectsThemAtTheFramesPose) {
         const char* name;
         Scene scene;
         uint64_t index;
-        double t, wrong_t, mean_limit;  // the pose the image must show, and one it must not (NaN: none)
-    } cases[] = {{"pinhole", outlineScene(RigSpec()), 0, 0, NAN, 0.06},
-                 {"fisheye", outlineScene(fisheyeRigSpec()), 0, 0, NAN, 0.06},
-                 {"moving", outlineScene(RigSpec()), 15, 0.5, 0, 0.15},
-                 {"moving, kept", outlineScene(RigSpec()), 15, 0, 0.5, 0.15}};
+        double t, mean_limit;
+    } cases[] = {{"pinhole", outlineScene(RigSpec()), 0, 0, 0.06},
+                 {"fisheye", outlineScene(fisheyeRigSpec()), 0, 0, 0.06},
+                 {"moving", outlineScene(RigSpec()), 15, 0.5, 0.15}};
     cases[0].scene.motion.attitude_deg = {4, -3, 2};  // an arbitrary pose, so the camera's axes matter
     cases[1].scene.motion.position = {0.05, 0.1, 0.45};
-    for (Case* c : {&cases[2], &cases[3]}) {  // at t = 0.5 s: turned 5 degrees left, moved 4.8 cm right
-        c->scene.motion.rate_deg_s = {2, 0, 10};
-        c->scene.motion.translation_amplitude = {0.05, 0, 0};
-        c->scene.motion.translation_hz = 0.4;
-    }
-    cases[3].scene.render.follow_motion = false;
+    cases[2].scene.motion.rate_deg_s = {2, 0, 10};  // at t = 0.5 s: turned 5 degrees left, moved 4.8 cm right
+    cases[2].scene.motion.translation_amplitude = {0.05, 0, 0};
+    cases[2].scene.motion.translation_hz = 0.4;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        Source src(c.scene);
-        ASSERT_TRUE(src.source);
-        src.render(c.index);
+        std::string error;
+        const auto src = makeSceneSource(c.scene, &error);
+        ASSERT_TRUE(src) << error;
+        std::vector<uint8_t> bytes(frame::kBytes);
+        FrameTruth truth;
+        src->render(c.index, 0, bytes.data(), truth);
         for (int lens = 0; lens < 2; ++lens) {
             SCOPED_TRACE(lens == 0 ? "left lens" : "right lens");
             // Four rays a pixel side place an edge to within an eighth of a pixel.
-            const cv::Mat image = lensImage(src.bytes, lens);
+            cv::Mat image;  // the left lens is on the odd bytes, the right lens on the even ones
+            cv::extractChannel(cv::Mat(frame::kHeight, frame::kWidth, CV_8UC2, bytes.data()), image, 1 - lens);
             const OutlineError e = outlineError(c.scene, image, lens, c.t);
             EXPECT_LT(e.worst, 0.15);
             EXPECT_LT(e.mean, c.mean_limit);
             EXPECT_GT(e.checked, 50);
-            // The lenses (and poses) really differ: the wrong projection is pixels away.
-            EXPECT_GT(outlineError(c.scene, image, 1 - lens, c.t).mean, 3.0);
-            if (!std::isnan(c.wrong_t)) {
-                EXPECT_GT(outlineError(c.scene, image, lens, c.wrong_t).mean, 3.0);
-            }
         }
     }
 }
 
-TEST(SceneRender, StillFramesKeepTheirImagesAndTheSceneFilesAndHaveDetailEverywhere) {
-    Source src(defaultScene());
-    ASSERT_TRUE(src.source);
-    src.render(0);
-    const std::vector<uint8_t> first = src.bytes;
-    src.render(17);
-    const size_t image_bytes = frame::kBytes - 489;  // only the trailer changes
-    EXPECT_EQ(0, std::memcmp(first.data(), src.bytes.data(), image_bytes));
-    EXPECT_NE(0, std::memcmp(first.data() + image_bytes, src.bytes.data() + image_bytes, 489));
-    // Block matching needs local contrast: every 16 x 16 block of the scene has some.
-    const cv::Mat left = lensImage(first, 0);
-    int flat_blocks = 0;
-    for (int y = 0; y + 16 <= frame::kHeight - 2; y += 16) {
-        for (int x = 0; x + 16 <= frame::kWidth; x += 16) {
-            cv::Scalar mean, dev;
-            cv::meanStdDev(left(cv::Rect(x, y, 16, 16)), mean, dev);
-            flat_blocks += dev[0] < 2.0;
-        }
-    }
-    EXPECT_LE(flat_blocks, 5);
-
-    // The still images are remembered per file: the same file shows them again, an edited one not.
-    orvo_test::ScratchDir dir;
-    Scene scene = defaultScene();
-    std::string error;
-    const auto imagesOfFile = [&]() {
-        EXPECT_TRUE(saveScene(dir.file("s.yml"), scene, &error)) << error;
-        std::vector<uint8_t> bytes(frame::kBytes);
-        FrameTruth truth;
-        makeSceneSource(dir.file("s.yml"), &error)->render(0, 0, bytes.data(), truth);
-        return bytes;
-    };
-    const std::vector<uint8_t> a = imagesOfFile();
-    EXPECT_EQ(a, first);
-    EXPECT_EQ(a, imagesOfFile());
-    scene.objects[2].texture.mean += 40;  // a brighter obstacle
-    EXPECT_NE(a, imagesOfFile());
-}
-
-TEST(SceneMotion, AttitudeAnglesTurnTheViewAndTheGravityAsNamed) {
+TEST(SceneMotion, AttitudeAnglesTurnTheViewAndTheGravityAsNamedAndCountsAreRoundedAndSaturated) {
     const auto C = [](double deg) { return std::cos(rad(deg)); };
     const auto S = [](double deg) { return std::sin(rad(deg)); };
     struct Case {
@@ -241,7 +251,6 @@ TEST(SceneMotion, AttitudeAnglesTurnTheViewAndTheGravityAsNamed) {
         cv::Vec3d accel_g;
         cv::Vec4d q;
     } cases[] = {
-        {"level", {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 0, 0, 0}},
         {"pitch: nose up", {0, 10, 0}, {1, 0, 0}, {0, C(10), S(10)}, {0, S(10), C(10)}, {C(5), S(5), 0, 0}},
         {"roll: right side down", {0, 0, 20}, {C(20), 0, -S(20)}, {0, 1, 0}, {-S(20), 0, C(20)}, {C(10), 0, S(10), 0}},
         {"yaw: turned left", {30, 0, 0}, {C(30), S(30), 0}, {-S(30), C(30), 0}, {0, 0, 1}, {C(15), 0, 0, S(15)}},
@@ -256,108 +265,53 @@ TEST(SceneMotion, AttitudeAnglesTurnTheViewAndTheGravityAsNamed) {
             for (int i = 0; i < 3; ++i) EXPECT_NEAR(pose.world_from_camera(i, j), axes[j][i], 1e-12) << i << j;
         EXPECT_LT(cv::norm(attitudeQuaternion(pose.world_from_body) - c.q), 1e-12);
         const ImuTruthSample k = imuSample(s, 3);
-        EXPECT_EQ(k.ticks, 15000u);  // sample 3 at 200 Hz on a microsecond clock
         for (int a = 0; a < 3; ++a) {
             EXPECT_NEAR(k.accel_g[a], c.accel_g[a], 1e-12) << a;
             EXPECT_EQ(k.accel_raw[a], std::lround(8192 * c.accel_g[a])) << a;  // 8192 sin 10 deg = 1422.53
         }
     }
-}
-
-TEST(SceneMotion, GyroCountsAreTheRoundedRatePlusBiasSaturatedAndTheNoiseFollowsTheSeed) {
+    // Gyro counts: the rate at 16.4 counts per deg/s, rounded, plus the bias, saturated.
     Scene s;
-    s.motion.rate_deg_s = {0, 0, 30};
+    s.motion.rate_deg_s = {0, 2500, 30};
     s.imu.gyro_bias = {3, -2, 5};
     const ImuTruthSample turn = imuSample(s, 40);
-    EXPECT_EQ(turn.gyro_raw[2], 492 + 5);  // 30 deg/s x 16.4 counts
-    EXPECT_EQ(turn.gyro_raw[0], 3);
-    EXPECT_EQ(turn.gyro_raw[1], -2);
-    const cv::Vec4d q = attitudeQuaternion(scenePose(s.motion, 0.2).world_from_body);
-    EXPECT_NEAR(q[0], std::cos(rad(3)), 1e-12);
-    EXPECT_NEAR(q[3], std::sin(rad(3)), 1e-12);  // 6 degrees to the left after 0.2 s
-    s.motion.rate_deg_s = {0, 2500, -2500};
-    const ImuTruthSample fast = imuSample(s, 5);
-    EXPECT_EQ(fast.gyro_raw[1], 32767);
-    EXPECT_EQ(fast.gyro_raw[2], -32768);
-    EXPECT_EQ(fast.gyro_raw[0], 3);
-
-    s.imu.gyro_noise = 3;
-    s.imu.seed = 77;
-    EXPECT_EQ(std::memcmp(imuSample(s, 123).gyro_raw, imuSample(s, 123).gyro_raw, 6), 0);
-    Scene other = s;
-    other.imu.seed = 78;
-    int differing = 0;
-    for (int k = 0; k < 20; ++k)
-        differing += std::memcmp(imuSample(s, k).gyro_raw, imuSample(other, k).gyro_raw, 6) != 0;
-    EXPECT_GE(differing, 18);
-
-    // Turning, swinging and shaking at once: the gyro's rate is the derivative of the attitude
-    // and the accelerometer's force that of the position, both in the body frame.
-    s.motion.attitude_deg = {20, -5, 8};
-    s.motion.rate_deg_s = {5, -10, 25};
-    s.motion.oscillation_axis = cv::normalize(cv::Vec3d(1, 0.5, 0));
-    s.motion.oscillation_deg = 6;
-    s.motion.oscillation_hz = 1.5;
-    s.motion.translation_amplitude = {0.02, -0.01, 0.03};
-    s.motion.translation_hz = 2;
-    const double h = 1e-5, hp = 1e-4;
-    for (int k : {0, 7, 33, 101}) {
-        const double t = k / s.imu.sample_rate;
-        const ImuTruthSample sample = imuSample(s, k);
-        const cv::Matx33d a = scenePose(s.motion, t - h).world_from_body;
-        const cv::Matx33d b = scenePose(s.motion, t + h).world_from_body;
-        const cv::Matx33d skew = (a.t() * b - b.t() * a) * (1 / (4 * h));  // ~[w]x
-        EXPECT_NEAR(sample.gyro_rad_s[0], skew(2, 1), 1e-6) << k;
-        EXPECT_NEAR(sample.gyro_rad_s[1], skew(0, 2), 1e-6) << k;
-        EXPECT_NEAR(sample.gyro_rad_s[2], skew(1, 0), 1e-6) << k;
-        const cv::Vec3d acc = (scenePose(s.motion, t + hp).position - 2 * scenePose(s.motion, t).position +
-                               scenePose(s.motion, t - hp).position) * (1 / (hp * hp));
-        const cv::Vec3d force = scenePose(s.motion, t).world_from_body.t() * (acc / 9.80665 + cv::Vec3d(0, 0, 1));
-        for (int i = 0; i < 3; ++i) EXPECT_NEAR(sample.accel_g[i], force[i], 1e-5) << k;
-    }
+    EXPECT_TRUE(turn.gyro_raw[0] == 3 && turn.gyro_raw[1] == 32767 && turn.gyro_raw[2] == 492 + 5);
+    s.motion.rate_deg_s = {0, 0, -2500};
+    EXPECT_EQ(imuSample(s, 5).gyro_raw[2], -32768);
 }
 
-// "ticks:gx,gy,gz:ax,ay,az:graw x,y,z:araw x,y,z" of one truth sample.
-
-// The library's attitude filter, fed the decoded samples of a scene through the virtual camera,
-// ends at the scene's true attitude: the sensor axes, units and quaternion convention agree.
+// The library's attitude filter, fed the decoded samples of a scene through the virtual camera.
 cv::Vec4d filteredAttitude(const Scene& scene, int steps) {
     orvo_test::ScratchDir dir;
     std::string error;
     EXPECT_TRUE(saveScene(dir.file("imu.yml"), scene, &error)) << error;
-    setenv("ORVO_VCAM_DEVICE", "/dev/video-virtual-scene", 1);
-    setenv("ORVO_VCAM_FPS", "0", 1);
-    setenv("ORVO_VCAM_SOURCE", ("scene:" + dir.file("imu.yml")).c_str(), 1);
+    const std::string source = "scene:" + dir.file("imu.yml");
+    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_FPS", "0"}, {"ORVO_VCAM_SOURCE", source.c_str()},
+                  {"ORVO_VCAM_FAULTS", nullptr}};
+    OrvoCameraParameterList p;
+    p.device_path = kNode;
+    OrvoCamera camera(p);
     float q[4] = {0, 0, 0, 0};
-    {
-        OrvoCameraParameterList p;
-        p.device_path = "/dev/video-virtual-scene";
-        OrvoCamera camera(p);
-        std::vector<ImuData> samples;
-        unsigned int frame_time = 0;
-        uint32_t last = 0;
-        for (int done = 0; done < steps;) {
-            camera.Grab();
-            camera.getImuRawData(samples, frame_time);
-            for (const ImuData& sample : samples) {
-                const float period = done == 0 ? 0.0f : float((sample.time - last) / scene.imu.ticks_per_second);
-                last = sample.time;
-                camera.ImuRect(sample, period, q);
-                if (++done == steps) break;
-            }
+    std::vector<ImuData> samples;
+    unsigned int frame_time = 0, last = 0;
+    for (int done = 0; done < steps;) {
+        camera.Grab();
+        camera.getImuRawData(samples, frame_time);
+        for (const ImuData& sample : samples) {
+            const float period = done == 0 ? 0.0f : float((sample.time - last) / scene.imu.ticks_per_second);
+            last = sample.time;
+            camera.ImuRect(sample, period, q);
+            if (++done == steps) break;
         }
     }
-    unsetenv("ORVO_VCAM_DEVICE");
-    unsetenv("ORVO_VCAM_FPS");
-    unsetenv("ORVO_VCAM_SOURCE");
     return {q[0], q[1], q[2], q[3]};
 }
 
+// It ends at the scene's true attitude: the sensor axes, units and quaternion convention agree.
 TEST(SceneAttitude, TheLibrarysFilterSettlesOnTheTrueAttitudeStillAndTurning) {
     Scene s = outlineScene(RigSpec());
     s.render.follow_motion = false;
-    s.imu.gyro_noise = 1;
-    s.imu.accel_noise = 8;
+    s.imu.gyro_noise = 1, s.imu.accel_noise = 8;
     s.motion.attitude_deg = {0, 12, -7};
     const int steps = 700;
     const double end = (steps - 1) / s.imu.sample_rate;
@@ -367,29 +321,14 @@ TEST(SceneAttitude, TheLibrarysFilterSettlesOnTheTrueAttitudeStillAndTurning) {
                               q[0] * q[0] - q[1] * q[1] - q[2] * q[2] + q[3] * q[3]);
     const cv::Vec3d up = scenePose(s.motion, end).world_from_body.t() * cv::Vec3d(0, 0, 1);
     EXPECT_LT(cv::norm(predicted - up), 0.002) << predicted << " vs " << up;
-    EXPECT_GT(std::fabs(up[0]), 0.1);
-    EXPECT_GT(std::fabs(up[1]), 0.2);
-    cv::Vec4d truth;
-
     // Turning about the tilted up axis from heading 0, where the filter starts: the gyro keeps
     // the heading, so the whole attitude agrees.
     s.motion.attitude_deg = {0, 10, 0};
     s.motion.rate_deg_s = {0, 0, 20};
     q = filteredAttitude(s, steps);
-    truth = attitudeQuaternion(scenePose(s.motion, end).world_from_body);
+    const cv::Vec4d truth = attitudeQuaternion(scenePose(s.motion, end).world_from_body);
     EXPECT_LT(cv::norm(q - truth), 0.02) << q << " vs " << truth;
     EXPECT_GT(truth[3], 0.25);  // it did turn, by about 35 degrees
-}
-
-ImuTruthSample truthSample(const std::string& text) {
-    ImuTruthSample s;
-    int raw[6];
-    EXPECT_EQ(13, std::sscanf(text.c_str(), "%u:%lf,%lf,%lf:%lf,%lf,%lf:%d,%d,%d:%d,%d,%d", &s.ticks,
-                              &s.gyro_rad_s[0], &s.gyro_rad_s[1], &s.gyro_rad_s[2], &s.accel_g[0], &s.accel_g[1],
-                              &s.accel_g[2], &raw[0], &raw[1], &raw[2], &raw[3], &raw[4], &raw[5]))
-        << text;
-    for (int a = 0; a < 3; ++a) s.gyro_raw[a] = int16_t(raw[a]), s.accel_raw[a] = int16_t(raw[3 + a]);
-    return s;
 }
 
 TEST(SceneTrailer, FramesServedCarryTheSamplesSinceThePreviousFrameAndTheTruthFileHasOneLineEach) {
@@ -398,35 +337,28 @@ TEST(SceneTrailer, FramesServedCarryTheSamplesSinceThePreviousFrameAndTheTruthFi
     s.motion.rate_deg_s = {0, 0, 15};
     s.render.follow_motion = false;
     s.imu.tick_offset = 4294000000u;  // the tick counter wraps during the run
-    s.imu.gyro_bias = {25, -40, 7};
-    s.imu.accel_bias = {100, -50, 0};
-    s.imu.gyro_noise = 3;
-    s.imu.accel_noise = 6;
-    s.imu.seed = 77;
+    s.imu.gyro_bias = {25, -40, 7}, s.imu.accel_bias = {100, -50, 0};
+    s.imu.gyro_noise = 3, s.imu.accel_noise = 6, s.imu.seed = 77;
     std::string error;
     ASSERT_TRUE(saveScene(dir.file("scene.yml"), s, &error)) << error;
-    const char* node = "/dev/video-virtual-scene";
     const std::string source = "scene:" + dir.file("scene.yml"), truth_path = dir.file("truth.txt");
-    ScopedEnv env{{"ORVO_VCAM_DEVICE", node}, {"ORVO_VCAM_SOURCE", source.c_str()}, {"ORVO_VCAM_FPS", "0"},
+    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", source.c_str()}, {"ORVO_VCAM_FPS", "0"},
                   {"ORVO_VCAM_TRUTH", truth_path.c_str()}, {"ORVO_VCAM_TRUTH_BOX", "0.5,0.5,3"},
                   {"ORVO_VCAM_FAULTS", nullptr}};
-    struct Served {
-        v4l2_buffer b;
-        uint64_t hash = 14695981039346656037ull;  // FNV-1a, 64 bits
-        Decoded trailer;
-    };
+    struct Served { v4l2_buffer b; uint64_t hash = 14695981039346656037ull; Decoded trailer; };  // FNV-1a
     std::vector<Served> served(300);
     {
-        orvo_test::V4l2Client c(node);
+        orvo_test::V4l2Client c(kNode);
         ASSERT_EQ(0, c.start(3));
         for (Served& v : served) {
             ASSERT_EQ(0, c.dequeue(&v.b));
             const uint8_t* data = c.data(v.b.index);
             for (size_t i = 0; i < frame::kBytes; ++i) v.hash = (v.hash ^ data[i]) * 1099511628211ull;
-            v.trailer = decodeTrailer(std::vector<uint8_t>(data, data + frame::kBytes));
+            v.trailer = decodeTrailer(data);
             ASSERT_EQ(0, c.queue(v.b.index));
         }
     }
+    const Rig rig(s.rig);
     std::ifstream truth(truth_path);
     std::string line;
     const double counts[6] = {16.4 * 57.3, 16.4 * 57.3, 16.4 * 57.3, 8192, 8192, 8192};
@@ -435,35 +367,38 @@ TEST(SceneTrailer, FramesServedCarryTheSamplesSinceThePreviousFrameAndTheTruthFi
     for (size_t i = 0; i < served.size(); ++i) {
         ASSERT_TRUE(std::getline(truth, line));
         SCOPED_TRACE(i);
+        const Decoded& d = served[i].trailer;
+        const uint32_t ticks = s.imu.tick_offset + uint32_t(std::llround(i * 1e6 / 30));
+        const size_t n = i == 0 ? 1 : (i % 3 == 1 ? 6 : 7);  // 200 Hz over 30 fps
+        const ScenePose pose = scenePose(s.motion, i / 30.0);
+        char head[200], tail[40];
+        std::snprintf(head, sizeof head, "index=%zu sequence=%u time=%.17g timestamp=%ld.%06ld ticks=%u bytes=721920 "
+                      "hash=%016llx imu=%zu ", i, served[i].b.sequence, i / 30.0, long(served[i].b.timestamp.tv_sec),
+                      long(served[i].b.timestamp.tv_usec), ticks, static_cast<unsigned long long>(served[i].hash), n);
+        std::snprintf(tail, sizeof tail, " nearest_depth=%.6f",
+                      nearestDepthInBox(s, rig, pose.world_from_camera, pose.position, SearchBox()));
+        EXPECT_EQ(line.substr(0, std::strlen(head)), head);
+        EXPECT_EQ(line.substr(line.size() - std::min(line.size(), std::strlen(tail))), tail);
+        EXPECT_EQ(d.frame_ticks, ticks);
+        ASSERT_EQ(d.records.size(), n);
         std::map<std::string, std::string> f;
         std::stringstream words(line);
         for (std::string w; words >> w;)
             if (w.find('=') != std::string::npos) f[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
-        const Decoded& d = served[i].trailer;
-        char timestamp[40], hash[20];
-        std::snprintf(timestamp, sizeof timestamp, "%ld.%06ld", long(served[i].b.timestamp.tv_sec),
-                      long(served[i].b.timestamp.tv_usec));
-        std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(served[i].hash));
-        ASSERT_EQ(f["index"], std::to_string(i));
-        EXPECT_EQ(f["sequence"], std::to_string(served[i].b.sequence));
-        EXPECT_DOUBLE_EQ(std::stod(f["time"]), i / 30.0);
-        EXPECT_EQ(f["timestamp"], timestamp);
-        EXPECT_EQ(f["bytes"], "721920");
-        EXPECT_EQ(f["hash"], hash);
-        EXPECT_EQ(f["ticks"], std::to_string(d.frame_ticks));
-        EXPECT_EQ(d.frame_ticks, s.imu.tick_offset + uint32_t(std::llround(i * 1e6 / 30)));
-        EXPECT_EQ(d.records.size(), i == 0 ? 1u : (i % 3 == 1 ? 6u : 7u));  // 200 Hz over 30 fps
-        ASSERT_EQ(f["imu"], std::to_string(d.records.size()));
         for (size_t r = 0; r < d.records.size(); ++r, ++samples) {
-            const ImuTruthSample t = truthSample(f["imu" + std::to_string(r)]);
-            expectRecordIs(d.records[r], t);
-            EXPECT_EQ(t.ticks, s.imu.tick_offset + 5000 * samples);
-            EXPECT_NEAR(t.gyro_rad_s[2], rad(15), 1e-12);
-            EXPECT_NEAR(t.accel_g[2], 1, 1e-12);
+            // "ticks:gx,gy,gz:ax,ay,az:graw x,y,z:araw x,y,z": the truth, then the counts written
+            uint32_t ticks = 0;
+            double v[6];
+            int raw[6];
+            ASSERT_EQ(13, std::sscanf(f["imu" + std::to_string(r)].c_str(), "%u:%lf,%lf,%lf:%lf,%lf,%lf:%d,%d,%d:%d,%d,%d",
+                                      &ticks, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &raw[0], &raw[1], &raw[2],
+                                      &raw[3], &raw[4], &raw[5]));
+            EXPECT_EQ(d.records[r].ticks, ticks);
+            EXPECT_EQ(ticks, s.imu.tick_offset + 5000 * samples);
             for (int c = 0; c < 6; ++c) {
-                const double left = c < 3 ? d.records[r].gyro[c] - s.imu.gyro_bias[c] - t.gyro_rad_s[c] * counts[c]
-                                          : d.records[r].accel[c - 3] - s.imu.accel_bias[c - 3] -
-                                                t.accel_g[c - 3] * counts[c];
+                const int written = c < 3 ? d.records[r].gyro[c] : d.records[r].accel[c - 3];
+                EXPECT_EQ(written, raw[c]) << c;
+                const double left = written - (c < 3 ? s.imu.gyro_bias[c] : s.imu.accel_bias[c - 3]) - v[c] * counts[c];
                 sum[c] += left, sq[c] += left * left;
             }
         }
@@ -471,10 +406,6 @@ TEST(SceneTrailer, FramesServedCarryTheSamplesSinceThePreviousFrameAndTheTruthFi
         ASSERT_EQ(4, std::sscanf(f["attitude"].c_str(), "%lf,%lf,%lf,%lf", &q[0], &q[1], &q[2], &q[3]));
         EXPECT_NEAR(q[0], std::cos(rad(15.0 * i / 30) / 2), 1e-12);
         EXPECT_NEAR(q[3], std::sin(rad(15.0 * i / 30) / 2), 1e-12);
-        EXPECT_EQ(f.count("nearest_depth"), 1u);
-        if (i == 0) {
-            EXPECT_EQ(f["nearest_depth"], "1.399397");
-        }
     }
     EXPECT_FALSE(std::getline(truth, line)) << "one line per frame served";
     ASSERT_EQ(samples, 1 + 299 * 20 / 3u);  // 200 a second
@@ -484,23 +415,6 @@ TEST(SceneTrailer, FramesServedCarryTheSamplesSinceThePreviousFrameAndTheTruthFi
         EXPECT_NEAR(mean, 0, 4 * sigma / std::sqrt(samples)) << c;
         EXPECT_NEAR(std::sqrt(sq[c] / samples - mean * mean), std::sqrt(sigma * sigma + 1.0 / 12), 0.08 * sigma) << c;
     }
-}
-
-TEST(SceneTrailer, AFrameServedOutOfOrderCarriesItsOwnWindowAndNothingElse) {
-    Scene s = outlineScene(RigSpec());
-    s.render.follow_motion = false;
-    s.imu.gyro_noise = 2;
-    s.motion.rate_deg_s = {0, 0, 12};
-    Source after_drops(s), fresh(s);
-    ASSERT_TRUE(after_drops.source);
-    for (uint64_t i : {0, 1, 2, 3, 10}) after_drops.render(i);
-    fresh.render(10);
-    const Decoded d = decodeTrailer(fresh.bytes);
-    ASSERT_EQ(after_drops.truth.imu.size(), 6u);
-    ASSERT_EQ(d.records.size(), 6u);
-    EXPECT_EQ(d.records[0].ticks, 305000u);  // sample 61, just after 1/3 s
-    EXPECT_EQ(fresh.truth.extra, "") << "no search box, no nearest depth";
-    for (size_t r = 0; r < 6; ++r) expectRecordIs(d.records[r], after_drops.truth.imu[r]);
 }
 
 TEST(SceneTruth, NearestDepthIsThatOfTheObjectPointsInsideTheSearchBox) {
@@ -516,19 +430,17 @@ TEST(SceneTruth, NearestDepthIsThatOfTheObjectPointsInsideTheSearchBox) {
         cv::Vec3d centre, size;
         double yaw, max_depth, tilt, depth, tolerance;
     } cases[] = {
-        {"front face; the wall is beyond max_depth", {0.1, 2, 0.5}, size, 0, 3, 0, 1.8, 1e-12},
         {"front just beyond max_depth", {0.1, 2, 0.5}, size, 0, 1.8 - 1e-9, 0, inf, 0},
-        {"front just within max_depth", {0.1, 2, 0.5}, size, 0, 1.8 + 1e-9, 0, 1.8, 1e-12},
+        {"front just within max_depth; the wall is beyond", {0.1, 2, 0.5}, size, 0, 1.8 + 1e-9, 0, 1.8, 1e-12},
         {"top face just below the axis", {0.1, 2, -1e-6}, size, 0, 3, 0, inf, 0},
         {"top face just above the axis", {0.1, 2, 1e-6}, size, 0, 3, 0, 1.8, 1e-12},
         {"just right of the region", {edge + 1e-6, 2, 0.5}, size, 0, 3, 0, inf, 0},
         {"just inside the region", {edge - 1e-6, 2, 0.5}, size, 0, 3, 0, 1.8, 1e-12},
         // The front edge lies outside: the nearest point is where a face crosses the side x = 0.56.
         {"turned 45 degrees", {0.8, 2, 0.5}, {0.4, 0.4, 1}, 45, 3, 0, 2 - 0.2 * std::sqrt(2.0) + 0.24, 1e-9},
-        {"top 0.01 below the axis", {0.1, 2, -0.01}, size, 0, 3, 0, inf, 0},
-        {"tilted up: lifts what lies ahead", {0.1, 2, -0.01}, size, 0, 3, 0.05,
+        {"top 0.01 below the axis, tilted up: lifts what lies ahead", {0.1, 2, -0.01}, size, 0, 3, 0.05,
          0.01 * std::sin(0.05) + 1.8 * std::cos(0.05), 1e-9},
-        {"tilted down", {0.1, 2, -0.01}, size, 0, 3, -0.05, inf, 0},
+        {"top 0.01 below the axis, tilted down", {0.1, 2, -0.01}, size, 0, 3, -0.05, inf, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -545,10 +457,6 @@ TEST(SceneTruth, NearestDepthIsThatOfTheObjectPointsInsideTheSearchBox) {
 TEST(SceneTruth, TheSearchBoxTextIsCheckedAndABadOneRefusesTheSource) {
     SearchBox box;
     std::string error;
-    EXPECT_TRUE(parseSearchBox("0.4,0.3,2.5", box, &error));
-    EXPECT_TRUE(box.half_width == 0.4 && box.height == 0.3 && box.max_depth == 2.5 && box.tilt == 0);
-    EXPECT_TRUE(parseSearchBox("1,1,5,-0.25", box, &error));
-    EXPECT_EQ(box.tilt, -0.25);
     const std::string usage = "ORVO_VCAM_TRUTH_BOX must be half_width,height,max_depth[,tilt], not \"";
     for (const char* bad :
          {"", "1,1", "1,1,5,0,0", "1,x,5", "1,1,5,", "0,1,5", "1,-1,5", "1,1,0.4", "1,1,nan", "1,,5"}) {
@@ -560,41 +468,19 @@ TEST(SceneTruth, TheSearchBoxTextIsCheckedAndABadOneRefusesTheSource) {
     EXPECT_EQ(error, usage + "1;1;5\"");
 }
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
 TEST(SceneFile, SavedScenesLoadBackWithCalibrationPathsBesideTheFile) {
     orvo_test::ScratchDir dir;
     Scene s = defaultScene();
-    s.rig = fisheyeRigSpec();
-    s.calibration = {"", "", "rig/fisheye.yml"};
-    s.frame_rate = 25;
-    s.motion.rate_deg_s = {1, 2, 3};
-    s.imu.tick_offset = 4000000000u;
-    s.imu.seed = 3000000000u;
-    s.imu.gyro_bias = {4, -5, 6};
+    s.rig = fisheyeRigSpec(), s.calibration = {"", "", "rig/fisheye.yml"}, s.frame_rate = 25;
+    s.imu.tick_offset = 4000000000u, s.imu.seed = 3000000000u;  // past the largest int
     s.objects[0].texture.kind = SceneTexture::kChecker;
-    s.objects[2].texture.kind = SceneTexture::kFlat;
     std::string error;
     Scene back;
     ASSERT_TRUE(saveScene(dir.file("s.yml"), s, &error)) << error;
     ASSERT_TRUE(loadScene(dir.file("s.yml"), back, &error)) << error;
     EXPECT_EQ(back.calibration.fisheye, dir.file("rig/fisheye.yml"));
-    EXPECT_EQ(back.calibration.intrinsics, "");
-    EXPECT_TRUE(back.rig.fisheye);
-    EXPECT_EQ(back.rig.dist_left, s.rig.dist_left);
-    EXPECT_EQ(back.frame_rate, 25);
-    EXPECT_EQ(back.motion.rate_deg_s, s.motion.rate_deg_s);
-    EXPECT_EQ(back.imu.tick_offset, 4000000000u);
-    EXPECT_EQ(back.imu.seed, 3000000000u);
-    EXPECT_EQ(back.imu.gyro_bias, s.imu.gyro_bias);
-    ASSERT_EQ(back.objects.size(), s.objects.size());
-    EXPECT_EQ(back.objects[0].texture.kind, SceneTexture::kChecker);
-    EXPECT_EQ(back.objects[2].texture.kind, SceneTexture::kFlat);
+    EXPECT_TRUE(back.rig.fisheye && back.frame_rate == 25 && back.objects[0].texture.kind == SceneTexture::kChecker);
+    EXPECT_TRUE(back.imu.tick_offset == 4000000000u && back.imu.seed == 3000000000u);
     // Everything else survives too: the loaded scene saves to the same text.
     back.calibration = s.calibration;
     ASSERT_TRUE(saveScene(dir.file("t.yml"), back, &error)) << error;
@@ -605,16 +491,8 @@ TEST(SceneFile, SavedScenesLoadBackWithCalibrationPathsBesideTheFile) {
     ASSERT_TRUE(loadScene(dir.file("min.yml"), back, &error)) << error;
     EXPECT_EQ(back.calibration.fisheye, "/abs/f.yml");
     EXPECT_EQ(back.rig.focal, RigSpec().focal);
-    EXPECT_EQ(back.imu.sample_rate, 200);
     ASSERT_EQ(back.objects.size(), 1u);
     EXPECT_EQ(back.objects[0].size, cv::Vec3d(1, 1, 1));
-
-    // The calibration files the scene names are written from its rig, in the library's layouts.
-    s.calibration.fisheye = dir.file("fisheye.yml");
-    ASSERT_TRUE(writeSceneCalibration(s, &error)) << error;
-    cv::Mat K1;
-    cv::FileStorage(dir.file("fisheye.yml"), cv::FileStorage::READ)["K1"] >> K1;
-    EXPECT_EQ(K1.at<double>(0, 0), fisheyeRigSpec().focal);
     s.calibration.fisheye = dir.file("missing/fisheye.yml");
     EXPECT_FALSE(writeSceneCalibration(s, &error));
     EXPECT_EQ(error, "cannot write " + dir.file("missing/fisheye.yml"));
@@ -686,21 +564,6 @@ TEST(DefaultScene, ShippedFilesAreWhatTheGeneratorWritesAndShowTheObstacleInTheD
     };
     EXPECT_NEAR(depth(SearchBox()), 1.4, 0.01);
     EXPECT_NEAR(depth({3, 0.5, 6, 0}), 1.4, 0.01);  // the obstacle hides what lies behind it
-    s.objects.erase(s.objects.begin() + 2);       // without the obstacle: the crate's corner
-    EXPECT_NEAR(depth({3, 0.5, 6, 0}), 2.4 - 0.25 * std::sqrt(2.0) * std::cos(rad(20)), 0.05);
-    s.objects.erase(s.objects.begin() + 2);  // and without the crate: the wall
-    EXPECT_NEAR(depth({3, 0.5, 6, 0}), 4.5, 0.05);
-
-    // The virtual camera's source names: unset is the default scene.
-    for (const std::string& name : {std::string(), "scene:" + defaultScenePath()}) {
-        std::unique_ptr<FrameSource> source = makeFrameSource(name, &error);
-        ASSERT_TRUE(source) << error;
-        EXPECT_EQ(source->describe(), "scene:" + defaultScenePath());
-    }
-    EXPECT_FALSE(makeFrameSource("scene:", &error));
-    EXPECT_EQ(error, "'scene:' needs a file name (scene:FILE)");
-    EXPECT_FALSE(makeFrameSource("scene:/nonexistent/s.yml", &error));
-    EXPECT_EQ(error, "cannot read scene file /nonexistent/s.yml");
 }
 
 }  // namespace

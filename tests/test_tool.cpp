@@ -1,12 +1,10 @@
-// The orvo tool and the demo run as programs against the virtual camera: exit statuses, messages,
-// the files they write and their values against the scene's truth.
+// The orvo tool run on the virtual camera: exit statuses, messages, files and values against the truth.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -72,9 +70,6 @@ TEST(ToolCommandLine, UsageVersionHelpAndErrorsWithTheirExitStatus) {
     r = tool({"--version"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "orvo 0.1.0\n");
-    r = tool({"depth", "--help"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind("Usage: orvo depth ", 0), 0u) << r.out;
 
     orvo_test::ScratchDir dir;
     orvo::vcam::Rig rig;
@@ -126,27 +121,18 @@ TEST(ToolCommandLine, UsageVersionHelpAndErrorsWithTheirExitStatus) {
     }
 }
 
-TEST(ToolInfo, ReportsTheVirtualNodeSavesItsCalibrationAndNamesABadFile) {
+TEST(ToolInfo, ReportsTheVirtualNodeAndSavesItsCalibration) {
     orvo_test::ScratchDir dir;
     Result r = tool({"info", "--virtual", "--save-calibration", dir.file("calib")});
     ASSERT_EQ(r.status, 0) << r.err;
-    for (const std::string line : {"device         virtual camera (built-in scene) at /dev/orvo-virtual0\n",
-                                   "frame rate     30.000 fps (1/30 s per frame)\n",
-                                   "intrinsics     virtual rig: loads (M1 3x3, D1 1x5, M2 3x3, D2 1x5)\n"})
-        EXPECT_NE(r.out.find(line), npos) << line << r.out;
+    EXPECT_EQ(r.out.rfind("device         virtual camera (built-in scene) at /dev/orvo-virtual0\n", 0), 0u) << r.out;
     EXPECT_NEAR(after(r.out, "baseline "), 0.12, 1e-3) << r.out;  // the default scene's rig
-
-    std::ofstream(dir.file("junk.yml")) << "%YAML:1.0\n---\nM1: [ unclosed\n";
-    r = tool({"info", "--virtual", "--intrinsics", dir.file("calib/intrinsics.yml"), "--extrinsics", dir.file("junk.yml")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("extrinsics     FAILED: calibration file " + dir.file("junk.yml") +
-                         " is not a valid OpenCV YAML file"), npos) << r.out;
-    EXPECT_NE(r.out.find("intrinsics     " + dir.file("calib/intrinsics.yml") +  // the one saved above
-                         ": loads (M1 3x3, D1 1x5, M2 3x3, D2 1x5)\n"), npos) << r.out;
+    std::vector<cv::Mat> in;
+    EXPECT_TRUE(readYML(dir.file("calib/intrinsics.yml"), ZUNCV_INTRINSICS, in));
 }
 
 TEST(ToolGrab, WritesOriginalAndRectifiedPairsWithGuideLines) {
-    orvo_test::ScratchDir dir, raw_only;
+    orvo_test::ScratchDir dir;
     Result r = tool({"grab", "--virtual", "--frames", "2", "--separate", "--quiet", "--out", dir.path()});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "2 frames from virtual camera (built-in scene) at /dev/orvo-virtual0 written to " + dir.path() + "\n");
@@ -158,16 +144,10 @@ TEST(ToolGrab, WritesOriginalAndRectifiedPairsWithGuideLines) {
     ASSERT_TRUE(rectified.size() == cv::Size(1504, 480) && rectified.type() == CV_8UC3) << rectified.size;
     EXPECT_EQ(cv::norm(original.colRange(0, 752), first, cv::NORM_INF), 0);
     EXPECT_EQ(cv::norm(original.colRange(752, 1504), cv::imread(dir.file("second_0001.png"), 0), cv::NORM_INF), 0);
-    for (int y : {0, 16, 464}) EXPECT_EQ(rectified.at<cv::Vec3b>(y, 900), cv::Vec3b(0, 255, 0)) << y;
     // The scene is rendered with lens distortion: rectification moves pixels.
     cv::extractChannel(rectified.colRange(0, 752), grey, 0);
     EXPECT_GT(cv::norm(grey.rowRange(20, 460), first.rowRange(20, 460), cv::NORM_L1) / (440.0 * 752), 3.0);
     EXPECT_TRUE(exists(dir.file("original_0000.png")) && !exists(dir.file("original_0002.png")));
-
-    r = tool({"grab", "--virtual=pattern", "--quiet", "--out", raw_only.path()});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("(originals only: no calibration, so nothing to rectify)"), npos) << r.out;
-    EXPECT_TRUE(exists(raw_only.file("original_0000.png")) && !exists(raw_only.file("rectified_0000.png")));
 }
 
 TEST(ToolDepth, NearestObstacleMatchesTheSceneTruth) {
@@ -184,15 +164,12 @@ TEST(ToolDepth, NearestObstacleMatchesTheSceneTruth) {
     ASSERT_EQ(out.size(), 3u) << r.out;
     for (size_t i = 0; i < 3; ++i) {
         SCOPED_TRACE(csv[i + 1]);
-        std::vector<std::string> f = split(csv[i + 1], ',');
+        const std::vector<std::string> f = split(csv[i + 1], ',');
         ASSERT_EQ(f.size(), 6u);
         EXPECT_EQ(f[0] + f[2], std::to_string(i) + "1");
         const double x = std::stod(f[3]), y = std::stod(f[4]), z = std::stod(f[5]);
         const double true_depth = after(served[i], "nearest_depth=");
-        // The default lens keeps raw and rectified focal lengths within 0.5 %: z within 3 % of the truth;
-        // the obstacle's face spans x -0.1 .. 0.3, its top 0.3 m above the axis.
         EXPECT_NEAR(z, true_depth, 0.03 * true_depth);
-        EXPECT_TRUE(x > -0.2 && x < 0.4 && y < 0.0 && y > -0.5);
         char expect[96];
         std::snprintf(expect, sizeof expect, "frame %zu: nearest x %+.3f y %+.3f z %.3f", i, x, y, z);
         EXPECT_EQ(out[i], expect);
@@ -205,7 +182,7 @@ TEST(ToolDepth, NearestObstacleMatchesTheSceneTruth) {
 }
 
 TEST(ToolImu, BiasAndAttitudeOfATiltedStillCamera) {
-    orvo_test::ScratchDir dir, few;
+    orvo_test::ScratchDir dir;
     const std::vector<int> bias = {9, -6, 4};
     {  // Still, nose 10 degrees up, rolled 5 degrees; the default inertial unit's bias, noisy.
         cv::FileStorage fs(dir.file("tilted.yml"), cv::FileStorage::WRITE);
@@ -231,12 +208,6 @@ TEST(ToolImu, BiasAndAttitudeOfATiltedStillCamera) {
     EXPECT_EQ(split(csv[1], ',')[10], "0");
     EXPECT_NE(split(csv[501], ',')[10], "0");
     EXPECT_EQ(cv::imread(dir.file("attitude.png")).size(), cv::Size(900, 500));
-
-    // Too few samples for the filter: the CSV but no plot, and a hint.
-    r = tool({"imu", "--virtual", "--frames", "5", "--quiet", "--out", few.path()});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(exists(few.file("imu.csv")) && !exists(few.file("attitude.png")));
-    EXPECT_NE(r.err.find("the attitude filter settles after 500 samples"), npos) << r.err;
 }
 
 TEST(ToolRecord, RecordingReplaysByteForByte) {
@@ -246,8 +217,6 @@ TEST(ToolRecord, RecordingReplaysByteForByte) {
     EXPECT_EQ(r.out, "3 frames (2.2 MB) recorded to " + dir.file("a.raw") + "\n");
     const std::string a = orvo_test::readFile(dir.file("a.raw"));
     ASSERT_EQ(a.size(), 3 * size_t(orvo::frame::kBytes));
-    const unsigned count = uint8_t(a.back());  // the last frame's trailer: 6 or 7 records at 200 Hz
-    EXPECT_TRUE(count == 6 || count == 7) << count;
     r = tool({"record", "--virtual=" + dir.file("a.raw"), "--frames", "3", "--quiet", "--out", dir.file("b.raw")});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(orvo_test::readFile(dir.file("b.raw")) == a);
@@ -276,7 +245,8 @@ TEST(ToolCheck, PassesWithTheTrueCalibrationAndFailsWithATiltedOne) {
     orvo::vcam::RigSpec wrong;
     wrong.rotation[0] += 0.026;
     ASSERT_TRUE(orvo::vcam::Rig(wrong).writeStereo(dir.file("i.yml"), dir.file("e.yml")));
-    r = tool({"check", "--virtual", "--intrinsics", dir.file("i.yml"), "--extrinsics", dir.file("e.yml"), "--out", dir.path()});
+    r = tool({"check", "--virtual", "--intrinsics", dir.file("i.yml"), "--extrinsics", dir.file("e.yml"),
+              "--out", dir.path()});
     EXPECT_EQ(r.status, 3) << r.out << r.err;
     ASSERT_TRUE(std::regex_search(r.out, m, std::regex("median ([0-9.]+) px.*FAIL\n"))) << r.out;
     EXPECT_GT(std::stod(m[1]), 5.0);
@@ -303,18 +273,4 @@ TEST(ToolCalibrate, UnattendedCalibrationRecoversTheRig) {
     r = run(ORVO_TOOL_PATH, {"calibrate", "--images", rs.dir, "--board", size, "--square", "0.05"}, {{"DISPLAY", ""}}, 60);
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("no display was found (DISPLAY is not set); run it on a desktop or add --batch"), npos) << r.err;
-}
-
-TEST(ToolDemo, StreamsPrintsOneLinePerFrameAndWritesTheMontage) {
-    orvo_test::ScratchDir dir;
-    Result r = run(ORVO_DEMO_PATH, {"--out", dir.path(), "--frames", "4"});
-    ASSERT_EQ(r.status, 0) << r.out << r.err;
-    const std::vector<std::string> out = split(r.out, '\n');
-    ASSERT_EQ(out.size(), 7u) << r.out;  // a line on the bias measurement, one a frame
-    EXPECT_EQ(out.front(), "Orvo demo on the virtual camera (built-in scene) at /dev/orvo-virtual0");
-    for (size_t i = 0; i < 4; ++i)
-        EXPECT_TRUE(std::regex_match(out[i + 2], std::regex("frame +" + std::to_string(i) + " .* nearest x .*"))) << out[i + 2];
-    EXPECT_EQ(out.back(), "montage written to " + dir.file("montage.png"));
-    // Two rows: the pairs (900 x 287 + caption), the disparity (900 x 574) beside half the polar plot.
-    EXPECT_EQ(cv::imread(dir.file("montage.png")).size(), cv::Size(1800, (287 + 28) + (574 + 28)));
 }

@@ -1,24 +1,19 @@
-// The orvo tool and the demo run as programs against the virtual camera: exit statuses, messages,
-// the files they write and their values against the scene's truth.
+// The orvo tool run on the virtual camera: exit statuses, messages, files and values against the truth.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 
 #include "ZUNCVHelper.h"
-#include "chessboard.h"
+#include "calib_fixture.h"
 #include "frame_format.h"
-#include "rig.h"
 #include "run_capture.h"
 #include "scratch_dir.h"
 
@@ -32,42 +27,39 @@ constexpr auto npos = std::string::npos;
 // Runs a program in a child with a clean, free-running virtual-camera environment plus `env`.
 Result run(const std::string& program, const Args& args, Env env = {}, int timeout_s = 300) {
     env.emplace("ORVO_VCAM_FPS", "0");
-    orvo_test::Captured c = orvo_test::runInChild(
-        [&] {
-            for (const char* name : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_TRUTH",
-                                     "ORVO_VCAM_TRUTH_BOX", "ORVO_VCAM_FAULTS"})
-                unsetenv(name);
-            for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-            std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(program.c_str(), argv.data());
-            _exit(127);
-        },
-        timeout_s);
+    orvo_test::Captured c = orvo_test::runInChild([&] {
+        for (const char* name : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_TRUTH", "ORVO_VCAM_TRUTH_BOX",
+                                 "ORVO_VCAM_FAULTS"})
+            unsetenv(name);
+        for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    }, timeout_s);
     return {c.signal ? 128 + c.signal : c.exit_status, c.out, c.err};
 }
 Result tool(const Args& args, const Env& env = {}) { return run(ORVO_TOOL_PATH, args, env); }
-
-std::string slurp(const std::string& path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
 
 std::vector<std::string> split(const std::string& text, char sep) {
     std::vector<std::string> out;
     std::istringstream in(text);
     for (std::string f; std::getline(in, f, sep);) out.push_back(f);
-    if (sep == ',' && !text.empty() && text.back() == ',') out.push_back("");
     return out;
 }
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
+// The first number after `label` in `text` (NaN when absent).
+double after(const std::string& text, const std::string& label) {
+    const size_t at = text.find(label);
+    return at == npos ? NAN : std::strtod(text.c_str() + at + label.size(), nullptr);
+}
+
 }  // namespace
 
-TEST(ToolCommandLine, UsageVersionAndEverySubcommandsHelp) {
+TEST(ToolCommandLine, UsageVersionHelpAndErrorsWithTheirExitStatus) {
     Result r = tool({});
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "");
@@ -79,20 +71,6 @@ TEST(ToolCommandLine, UsageVersionAndEverySubcommandsHelp) {
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, "orvo 0.1.0\n");
 
-    const std::string overview = tool({"--help"}).out;
-    for (const std::string name : {"info", "grab", "depth", "imu", "record", "calibrate", "check"}) {
-        SCOPED_TRACE(name);
-        EXPECT_NE(overview.find("\n  " + name + " "), npos);
-        r = tool({name, "--help"});
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out.rfind("Usage: orvo " + name + " ", 0), 0u) << r.out;
-        EXPECT_NE(r.out.find("  --device PATH "), npos);
-        EXPECT_NE(r.out.find("  --virtual[=SCENE] "), npos);
-        EXPECT_EQ(r.err, "");
-    }
-}
-
-TEST(ToolCommandLine, ErrorsNameTheCauseWithTheirExitStatus) {
     orvo_test::ScratchDir dir;
     orvo::vcam::Rig rig;
     ASSERT_TRUE(rig.writeStereo(dir.file("intrinsics.yml"), dir.file("extrinsics.yml")));
@@ -123,8 +101,7 @@ TEST(ToolCommandLine, ErrorsNameTheCauseWithTheirExitStatus) {
         {on_node, "QUERYCAP=EIO", 1, "cannot query " + node + ": Input/output error"},
         {on_node, "open=EACCES", 1, "cannot open " + node +
              ": Permission denied (no permission: add your user to the 'video' group and log in again)"},
-        {with("none.yml"), "", 1,
-         "cannot read calibration file " + dir.file("none.yml") + ": No such file or directory"},
+        {with("none.yml"), "", 1, "cannot read calibration file " + dir.file("none.yml") + ": No such file or directory"},
         {with("partial.yml"), "", 1, "calibration file " + dir.file("partial.yml") + " lacks M2, D2"},
     };
     // Each command checks the node itself, before the library could end the process.
@@ -135,7 +112,7 @@ TEST(ToolCommandLine, ErrorsNameTheCauseWithTheirExitStatus) {
     }
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.args.back() + " " + c.faults);
-        Result r = tool(c.args, c.faults.empty() ? Env{} : Env{{"ORVO_VCAM_FAULTS", c.faults}});
+        r = tool(c.args, c.faults.empty() ? Env{} : Env{{"ORVO_VCAM_FAULTS", c.faults}});
         const std::string name = "orvo " + c.args[0];
         EXPECT_EQ(r.status, c.status);
         EXPECT_EQ(r.err, name + ": " + c.err + (c.status == 2 ? "\nTry '" + name + " --help'." : "") + "\n");
@@ -144,65 +121,33 @@ TEST(ToolCommandLine, ErrorsNameTheCauseWithTheirExitStatus) {
     }
 }
 
-TEST(ToolInfo, ReportsTheVirtualNodeSavesItsCalibrationAndNamesABadFile) {
+TEST(ToolInfo, ReportsTheVirtualNodeAndSavesItsCalibration) {
     orvo_test::ScratchDir dir;
     Result r = tool({"info", "--virtual", "--save-calibration", dir.file("calib")});
     ASSERT_EQ(r.status, 0) << r.err;
-    std::map<std::string, std::string> info;
-    for (const std::string& l : split(r.out, '\n')) info[l.substr(0, l.find(' '))] = l.size() > 15 ? l.substr(15) : "";
-    EXPECT_EQ(info["device"], "virtual camera (built-in scene) at /dev/orvo-virtual0");
-    EXPECT_NE(info["capabilities"].find("video-capture streaming"), npos) << r.out;
-    EXPECT_EQ(info["frame"], "30.000 fps (1/30 s per frame)");
-    EXPECT_EQ(info["intrinsics"], "virtual rig: loads (M1 3x3, D1 1x5, M2 3x3, D2 1x5)");
-    EXPECT_EQ(info["extrinsics"], "virtual rig: loads (R 3x3, T 3x1, R1 3x3, R2 3x3, P1 3x4, P2 3x4)");
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(info["rectified"], m, std::regex("baseline ([0-9.]+)"))) << r.out;
-    EXPECT_NEAR(std::stod(m[1]), 0.12, 1e-3);  // the default scene's rig
-    std::vector<cv::Mat> intr, extr;
-    ASSERT_TRUE(readYML(dir.file("calib/intrinsics.yml"), ZUNCV_INTRINSICS, intr));
-    ASSERT_TRUE(readYML(dir.file("calib/extrinsics.yml"), ZUNCV_EXTRINSICS, extr));
-    orvo::vcam::Rig rig;
-    EXPECT_EQ(cv::norm(intr[0], rig.K1), 0.0);
-    EXPECT_EQ(cv::norm(extr[1], rig.T), 0.0);
-
-    std::ofstream(dir.file("junk.yml")) << "%YAML:1.0\n---\nM1: [ unclosed\n";
-    r = tool({"info", "--virtual", "--intrinsics", dir.file("calib/intrinsics.yml"), "--extrinsics",
-              dir.file("junk.yml")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.out.find("extrinsics     FAILED: calibration file " + dir.file("junk.yml") +
-                         " is not a valid OpenCV YAML file"), npos) << r.out;
-    EXPECT_NE(r.out.find("intrinsics     " + dir.file("calib/intrinsics.yml") +
-                         ": loads (M1 3x3, D1 1x5, M2 3x3, D2 1x5)\n"), npos) << r.out;
+    EXPECT_EQ(r.out.rfind("device         virtual camera (built-in scene) at /dev/orvo-virtual0\n", 0), 0u) << r.out;
+    EXPECT_NEAR(after(r.out, "baseline "), 0.12, 1e-3) << r.out;  // the default scene's rig
+    std::vector<cv::Mat> in;
+    EXPECT_TRUE(readYML(dir.file("calib/intrinsics.yml"), ZUNCV_INTRINSICS, in));
 }
 
 TEST(ToolGrab, WritesOriginalAndRectifiedPairsWithGuideLines) {
-    orvo_test::ScratchDir dir, raw_only;
+    orvo_test::ScratchDir dir;
     Result r = tool({"grab", "--virtual", "--frames", "2", "--separate", "--quiet", "--out", dir.path()});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "2 frames from virtual camera (built-in scene) at /dev/orvo-virtual0 written to " +
-                         dir.path() + "\n");
-    for (const std::string n : {"_0000.png", "_0001.png"}) {
-        cv::Mat original = cv::imread(dir.file("original" + n), cv::IMREAD_UNCHANGED);
-        cv::Mat rectified = cv::imread(dir.file("rectified" + n), cv::IMREAD_UNCHANGED);
-        cv::Mat first = cv::imread(dir.file("first" + n), cv::IMREAD_UNCHANGED);
-        cv::Mat second = cv::imread(dir.file("second" + n), cv::IMREAD_UNCHANGED);
-        ASSERT_TRUE(original.size() == cv::Size(1504, 480) && original.type() == CV_8UC1) << original.size;
-        ASSERT_TRUE(rectified.size() == cv::Size(1504, 480) && rectified.type() == CV_8UC3) << rectified.size;
-        EXPECT_EQ(cv::norm(original(cv::Rect(0, 0, 752, 480)), first, cv::NORM_INF), 0);
-        EXPECT_EQ(cv::norm(original(cv::Rect(752, 0, 752, 480)), second, cv::NORM_INF), 0);
-        for (int y : {0, 16, 464}) EXPECT_EQ(rectified.at<cv::Vec3b>(y, 900), cv::Vec3b(0, 255, 0)) << y;
-        // The scene is rendered with lens distortion: rectification moves pixels.
-        cv::Mat grey;
-        cv::extractChannel(rectified(cv::Rect(0, 0, 752, 480)), grey, 0);
-        EXPECT_GT(cv::norm(grey.rowRange(20, 460), first.rowRange(20, 460), cv::NORM_L1) / (440.0 * 752), 3.0);
-    }
-    EXPECT_FALSE(exists(dir.file("original_0002.png")));
-
-    r = tool({"grab", "--virtual=pattern", "--quiet", "--out", raw_only.path()});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("(originals only: no calibration, so nothing to rectify)"), npos) << r.out;
-    EXPECT_TRUE(exists(raw_only.file("original_0000.png")));
-    EXPECT_FALSE(exists(raw_only.file("rectified_0000.png")));
+    EXPECT_EQ(r.out, "2 frames from virtual camera (built-in scene) at /dev/orvo-virtual0 written to " + dir.path() + "\n");
+    const cv::Mat original = cv::imread(dir.file("original_0001.png"), cv::IMREAD_UNCHANGED);
+    const cv::Mat rectified = cv::imread(dir.file("rectified_0001.png"), cv::IMREAD_UNCHANGED);
+    const cv::Mat first = cv::imread(dir.file("first_0001.png"), cv::IMREAD_UNCHANGED);
+    cv::Mat grey;
+    ASSERT_TRUE(original.size() == cv::Size(1504, 480) && original.type() == CV_8UC1) << original.size;
+    ASSERT_TRUE(rectified.size() == cv::Size(1504, 480) && rectified.type() == CV_8UC3) << rectified.size;
+    EXPECT_EQ(cv::norm(original.colRange(0, 752), first, cv::NORM_INF), 0);
+    EXPECT_EQ(cv::norm(original.colRange(752, 1504), cv::imread(dir.file("second_0001.png"), 0), cv::NORM_INF), 0);
+    // The scene is rendered with lens distortion: rectification moves pixels.
+    cv::extractChannel(rectified.colRange(0, 752), grey, 0);
+    EXPECT_GT(cv::norm(grey.rowRange(20, 460), first.rowRange(20, 460), cv::NORM_L1) / (440.0 * 752), 3.0);
+    EXPECT_TRUE(exists(dir.file("original_0000.png")) && !exists(dir.file("original_0002.png")));
 }
 
 TEST(ToolDepth, NearestObstacleMatchesTheSceneTruth) {
@@ -211,34 +156,25 @@ TEST(ToolDepth, NearestObstacleMatchesTheSceneTruth) {
     Result r = tool({"depth", "--virtual", "--frames", "3", "--out", dir.path()},
                     {{"ORVO_VCAM_TRUTH", truth}, {"ORVO_VCAM_TRUTH_BOX", "0.5,0.5,3"}});
     ASSERT_EQ(r.status, 0) << r.err;
-    std::vector<double> true_depth;  // the nearest depth in the search box for each frame served
-    for (const std::string& l : split(slurp(truth), '\n')) {
-        std::smatch m;
-        if (std::regex_search(l, m, std::regex("nearest_depth=([0-9.]+|inf)")))
-            true_depth.push_back(m[1] == "inf" ? INFINITY : std::stod(m[1]));
-    }
-    ASSERT_EQ(true_depth.size(), 3u) << slurp(truth).substr(0, 400);
-    std::vector<std::string> csv = split(slurp(dir.file("nearest.csv")), '\n'), out = split(r.out, '\n');
+    const std::vector<std::string> served = split(orvo_test::readFile(truth), '\n');  // one line per frame served
+    std::vector<std::string> csv = split(orvo_test::readFile(dir.file("nearest.csv")), '\n'), out = split(r.out, '\n');
+    ASSERT_EQ(served.size(), 3u) << orvo_test::readFile(truth).substr(0, 400);
     ASSERT_EQ(csv.size(), 4u);
     EXPECT_EQ(csv[0], "frame,frame_time,found,x,y,z");
     ASSERT_EQ(out.size(), 3u) << r.out;
     for (size_t i = 0; i < 3; ++i) {
-        std::vector<std::string> f = split(csv[i + 1], ',');
-        ASSERT_EQ(f.size(), 6u) << csv[i + 1];
-        EXPECT_EQ(f[0], std::to_string(i));
-        EXPECT_EQ(f[2], "1");
+        SCOPED_TRACE(csv[i + 1]);
+        const std::vector<std::string> f = split(csv[i + 1], ',');
+        ASSERT_EQ(f.size(), 6u);
+        EXPECT_EQ(f[0] + f[2], std::to_string(i) + "1");
         const double x = std::stod(f[3]), y = std::stod(f[4]), z = std::stod(f[5]);
-        // The default lens keeps raw and rectified focal lengths within 0.5 %: z within 3 % of the truth.
-        EXPECT_NEAR(z, true_depth[i], 0.03 * true_depth[i]) << csv[i + 1];
-        // The obstacle's face spans x -0.1 .. 0.3, its top 0.3 m above the axis.
-        EXPECT_TRUE(x > -0.2 && x < 0.4 && y < 0.0 && y > -0.5) << csv[i + 1];
+        const double true_depth = after(served[i], "nearest_depth=");
+        EXPECT_NEAR(z, true_depth, 0.03 * true_depth);
         char expect[96];
         std::snprintf(expect, sizeof expect, "frame %zu: nearest x %+.3f y %+.3f z %.3f", i, x, y, z);
         EXPECT_EQ(out[i], expect);
-
-        cv::Mat disparity = cv::imread(dir.file("disparity_000" + std::to_string(i) + ".png"), cv::IMREAD_UNCHANGED);
-        cv::Mat polar = cv::imread(dir.file("polar_000" + std::to_string(i) + ".png"), cv::IMREAD_UNCHANGED), green;
-        EXPECT_TRUE(disparity.size() == cv::Size(752, 480) && disparity.type() == CV_8UC3) << disparity.size;
+        cv::Mat polar = cv::imread(dir.file("polar_000" + std::to_string(i) + ".png")), green;
+        EXPECT_EQ(cv::imread(dir.file("disparity_000" + std::to_string(i) + ".png")).size(), cv::Size(752, 480));
         ASSERT_EQ(polar.size(), cv::Size(1000, 1000));
         cv::inRange(polar, cv::Scalar(0, 255, 0), cv::Scalar(0, 255, 0), green);
         EXPECT_GT(cv::countNonZero(green), 20);  // the bins' diamonds
@@ -246,25 +182,21 @@ TEST(ToolDepth, NearestObstacleMatchesTheSceneTruth) {
 }
 
 TEST(ToolImu, BiasAndAttitudeOfATiltedStillCamera) {
-    orvo_test::ScratchDir dir, few;
+    orvo_test::ScratchDir dir;
     const std::vector<int> bias = {9, -6, 4};
     {  // Still, nose 10 degrees up, rolled 5 degrees; the default inertial unit's bias, noisy.
         cv::FileStorage fs(dir.file("tilted.yml"), cv::FileStorage::WRITE);
         fs << "camera" << "{" << "attitude_deg" << std::vector<double>{0, 10, 5} << "}";
-        fs << "imu" << "{" << "gyro_bias" << bias << "gyro_noise" << 1.5
-           << "accel_noise" << 8.0 << "}";
+        fs << "imu" << "{" << "gyro_bias" << bias << "gyro_noise" << 1.5 << "accel_noise" << 8.0 << "}";
     }
     Result r = tool({"imu", "--virtual=" + dir.file("tilted.yml"), "--frames", "100", "--quiet", "--out", dir.path()});
     ASSERT_EQ(r.status, 0) << r.err;
     std::smatch m;
-    ASSERT_TRUE(std::regex_search(r.out, m, std::regex("gyro bias \\(counts\\): (-?\\d+) (-?\\d+) (-?\\d+)\n")))
-        << r.out;
+    ASSERT_TRUE(std::regex_search(r.out, m, std::regex("gyro bias \\(counts\\): (-?\\d+) (-?\\d+) (-?\\d+)\n"))) << r.out;
     for (size_t k = 0; k < 3; ++k) EXPECT_NEAR(std::stoi(m[k + 1]), bias[k], 1) << k;
-    EXPECT_TRUE(std::regex_search(r.out, std::regex("attitude: roll [0-9.-]+ pitch [0-9.-]+ yaw [0-9.-]+ degrees\n")));
 
-    std::vector<std::string> csv = split(slurp(dir.file("imu.csv")), '\n');
-    ASSERT_GT(csv.size(), 600u);  // 100 frames of 6 or 7 samples at 200 Hz
-    EXPECT_LT(csv.size(), 700u);
+    std::vector<std::string> csv = split(orvo_test::readFile(dir.file("imu.csv")), '\n');
+    ASSERT_TRUE(csv.size() > 600u && csv.size() < 700u) << csv.size();  // 100 frames of 6 or 7 samples
     EXPECT_EQ(csv[0], "frame,frame_time,time,accel_x,accel_y,accel_z,gyro_x,gyro_y,gyro_z,period,"
                       "qw,qx,qy,qz,roll,pitch,yaw");
     std::vector<std::string> last = split(csv.back(), ',');
@@ -272,18 +204,10 @@ TEST(ToolImu, BiasAndAttitudeOfATiltedStillCamera) {
     EXPECT_EQ(last[0], "99");
     EXPECT_NEAR(std::stod(last[14]), 5.0, 1.0);   // roll
     EXPECT_NEAR(std::stod(last[15]), 10.0, 1.0);  // pitch
-    EXPECT_NEAR(std::stod(last[5]), std::cos(10 * M_PI / 180) * std::cos(5 * M_PI / 180), 0.02);  // accel z, g
     // The first 500 samples are the filter settling: zero quaternion.
     EXPECT_EQ(split(csv[1], ',')[10], "0");
     EXPECT_NE(split(csv[501], ',')[10], "0");
     EXPECT_EQ(cv::imread(dir.file("attitude.png")).size(), cv::Size(900, 500));
-
-    // Too few samples for the filter: the CSV but no plot, and a hint.
-    r = tool({"imu", "--virtual", "--frames", "5", "--quiet", "--out", few.path()});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(exists(few.file("imu.csv")));
-    EXPECT_FALSE(exists(few.file("attitude.png")));
-    EXPECT_NE(r.err.find("the attitude filter settles after 500 samples"), npos) << r.err;
 }
 
 TEST(ToolRecord, RecordingReplaysByteForByte) {
@@ -291,25 +215,18 @@ TEST(ToolRecord, RecordingReplaysByteForByte) {
     Result r = tool({"record", "--virtual", "--frames", "3", "--quiet", "--out", dir.file("a.raw")});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "3 frames (2.2 MB) recorded to " + dir.file("a.raw") + "\n");
-    const std::string a = slurp(dir.file("a.raw"));
+    const std::string a = orvo_test::readFile(dir.file("a.raw"));
     ASSERT_EQ(a.size(), 3 * size_t(orvo::frame::kBytes));
-    for (size_t i = 0; i < 3; ++i) {
-        // Each frame ends with its trailer: 6 or 7 records at 200 Hz and 30 frames per second.
-        unsigned count = uint8_t(a[(i + 1) * orvo::frame::kBytes - 1]);
-        EXPECT_TRUE(count == 6 || count == 7 || (i == 0 && count == 1)) << i << ": " << count;
-    }
     r = tool({"record", "--virtual=" + dir.file("a.raw"), "--frames", "3", "--quiet", "--out", dir.file("b.raw")});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(slurp(dir.file("b.raw")) == a);
+    EXPECT_TRUE(orvo_test::readFile(dir.file("b.raw")) == a);
 
     // Frames handed over empty are left out and counted.
     r = tool({"record", "--virtual=" + dir.file("a.raw"), "--frames", "2", "--quiet", "--out", dir.file("c.raw")},
              {{"ORVO_VCAM_FAULTS", "bytesused@2=0"}});
     EXPECT_EQ(r.status, 1);
-    const std::string message =
-        "orvo record: the camera hands over incomplete frames only (0 bytes instead of 721920)\n";
-    ASSERT_GE(r.err.size(), message.size());
-    EXPECT_EQ(r.err.substr(r.err.size() - message.size()), message) << r.err;
+    const std::string message = "orvo record: the camera hands over incomplete frames only (0 bytes instead of 721920)\n";
+    EXPECT_EQ(r.err.substr(std::max(r.err.size(), message.size()) - message.size()), message) << r.err;
 }
 
 TEST(ToolCheck, PassesWithTheTrueCalibrationAndFailsWithATiltedOne) {
@@ -319,8 +236,7 @@ TEST(ToolCheck, PassesWithTheTrueCalibrationAndFailsWithATiltedOne) {
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.out, m, std::regex("row error: median ([0-9.]+) px, mean ([0-9.]+) px, "
                                                         "95th percentile ([0-9.]+) px, offset ([-+0-9.]+) px "
-                                                        "over ([0-9]+) matches \\(limit 1.00 px\\): PASS\n")))
-        << r.out;
+                                                        "over ([0-9]+) matches \\(limit 1.00 px\\): PASS\n"))) << r.out;
     EXPECT_LT(std::stod(m[1]), 0.5);
     EXPECT_GT(std::stoi(m[5]), 50);
     EXPECT_EQ(cv::imread(dir.file("check.png")).size(), cv::Size(1504, 480));
@@ -338,52 +254,23 @@ TEST(ToolCheck, PassesWithTheTrueCalibrationAndFailsWithATiltedOne) {
 
 TEST(ToolCalibrate, UnattendedCalibrationRecoversTheRig) {
     if (!exists("/usr/bin/xdotool") || !exists("/usr/bin/Xvfb")) GTEST_SKIP() << "needs Xvfb and xdotool";
-    orvo_test::ScratchDir dir;
-    orvo::vcam::Rig rig;
-    orvo::vcam::BoardSpec board;
-    orvo::vcam::ChessboardRenderer renderer(rig, board);
-    orvo::vcam::CalibrationSet set;
-    std::string error;
-    ASSERT_TRUE(orvo::vcam::writeCalibrationSet(renderer, dir.path(), set, &error)) << error;
+    const auto& rs = orvo_test::renderedSet();
     // The far pair is slow to detect and has its own tests; the pair without a right image stays.
-    for (const std::string& name : set.pairs({set.far_pair})) unlink(name.c_str());
-
-    const std::string size = std::to_string(board.inner.width) + "x" + std::to_string(board.inner.height);
-    Result r = run(ORVO_TOOL_PATH, {"calibrate", "--images", dir.path(), "--board", size, "--square",
-                                    std::to_string(board.square), "--out", dir.file("out"), "--batch"}, {}, 600);
+    for (const std::string& name : rs.set.pairs({rs.set.far_pair})) unlink(name.c_str());
+    const std::string size = std::to_string(rs.board.inner.width) + "x" + std::to_string(rs.board.inner.height);
+    Result r = run(ORVO_TOOL_PATH, {"calibrate", "--images", rs.dir, "--board", size, "--square",
+                                    std::to_string(rs.board.square), "--out", rs.dir + "/out", "--batch"}, {}, 600);
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.err.find("has no right partner; left out"), npos) << r.err;
-    EXPECT_NE(r.out.find(" pairs have been successfully detected.\n"), npos) << r.out;
     std::vector<cv::Mat> extr;
-    ASSERT_TRUE(readYML(dir.file("out/params/extrinsics.yml"), ZUNCV_EXTRINSICS, extr));
+    ASSERT_TRUE(readYML(rs.dir + "/out/params/extrinsics.yml", ZUNCV_EXTRINSICS, extr));
     // Noisy, blurred views: the baseline within 5 %, and the tool's summary is the file's.
-    EXPECT_NEAR(cv::norm(extr[1]), rig.params().baseline, 0.05 * rig.params().baseline);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(r.out, m, std::regex("baseline ([0-9.]+) \\(unit of --square\\)")));
-    EXPECT_NEAR(std::stod(m[1]), -extr[5].at<double>(0, 3) / extr[5].at<double>(0, 0), 1e-5);
+    EXPECT_NEAR(cv::norm(extr[1]), rs.rig.params().baseline, 0.05 * rs.rig.params().baseline);
+    EXPECT_NEAR(after(r.out, "baseline "), -extr[5].at<double>(0, 3) / extr[5].at<double>(0, 0), 1e-5) << r.out;
+    EXPECT_NE(r.out.find(" (unit of --square)"), npos) << r.out;
 
     // Without a display and without --batch the tool says what to do instead of crashing.
-    r = run(ORVO_TOOL_PATH, {"calibrate", "--images", dir.path(), "--board", size, "--square", "0.05"},
-            {{"DISPLAY", ""}}, 60);
+    r = run(ORVO_TOOL_PATH, {"calibrate", "--images", rs.dir, "--board", size, "--square", "0.05"}, {{"DISPLAY", ""}}, 60);
     EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("no display was found (DISPLAY is not set); run it on a desktop or add --batch"), npos)
-        << r.err;
-}
-
-TEST(ToolDemo, StreamsPrintsOneLinePerFrameAndWritesTheMontage) {
-    orvo_test::ScratchDir dir;
-    Result r = run(ORVO_DEMO_PATH, {"--out", dir.path(), "--frames", "4"});
-    ASSERT_EQ(r.status, 0) << r.out << r.err;
-    std::vector<std::string> out = split(r.out, '\n');
-    int frame_lines = 0;
-    for (const std::string& l : out)
-        if (l.rfind("frame ", 0) == 0) {
-            EXPECT_NE(l.find("nearest x"), npos) << l;
-            ++frame_lines;
-        }
-    EXPECT_EQ(frame_lines, 4);
-    EXPECT_EQ(out.front(), "Orvo demo on the virtual camera (built-in scene) at /dev/orvo-virtual0");
-    EXPECT_EQ(out.back(), "montage written to " + dir.file("montage.png"));
-    // Two rows: the pairs (900 x 287 + caption), the disparity (900 x 574) beside half the polar plot.
-    EXPECT_EQ(cv::imread(dir.file("montage.png")).size(), cv::Size(1800, (287 + 28) + (574 + 28)));
+    EXPECT_NE(r.err.find("no display was found (DISPLAY is not set); run it on a desktop or add --batch"), npos) << r.err;
 }

@@ -1,4 +1,4 @@
-// The orvo tool run on the virtual camera: exit statuses, messages, files and values against the truth.
+// The orvo tool and the demo run on the virtual camera: exit statuses, messages, files and values against the truth.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -273,4 +273,19 @@ TEST(ToolCalibrate, UnattendedCalibrationRecoversTheRig) {
     r = run(ORVO_TOOL_PATH, {"calibrate", "--images", rs.dir, "--board", size, "--square", "0.05"}, {{"DISPLAY", ""}}, 60);
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("no display was found (DISPLAY is not set); run it on a desktop or add --batch"), npos) << r.err;
+}
+
+// The demo is the README's first command: it must stream, print a line per frame and write its montage.
+TEST(ToolDemo, StreamsPrintsOneLinePerFrameAndWritesTheMontage) {
+    orvo_test::ScratchDir dir;
+    Result r = run(ORVO_DEMO_PATH, {"--out", dir.path(), "--frames", "4"});
+    ASSERT_EQ(r.status, 0) << r.out << r.err;
+    const std::vector<std::string> out = split(r.out, '\n');
+    EXPECT_EQ(std::count_if(out.begin(), out.end(),
+                            [](const std::string& l) { return l.rfind("frame ", 0) == 0 && l.find("nearest x") != npos; }),
+              4);
+    EXPECT_EQ(out.front(), "Orvo demo on the virtual camera (built-in scene) at /dev/orvo-virtual0");
+    EXPECT_EQ(out.back(), "montage written to " + dir.file("montage.png"));
+    // Two rows: the pairs (900 x 287 + caption), the disparity (900 x 574) beside half the polar plot.
+    EXPECT_EQ(cv::imread(dir.file("montage.png")).size(), cv::Size(1800, (287 + 28) + (574 + 28)));
 }

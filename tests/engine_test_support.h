@@ -3,7 +3,6 @@
 #pragma once
 
 #include <stdlib.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -15,10 +14,8 @@
 #include <random>
 #include <string>
 #include <vector>
-
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
-
 #include "OrvoCamera.h"
 #include "StereoCamera.h"
 #include "rig.h"
@@ -28,9 +25,7 @@
 namespace engine_test {
 
 // The camera's wire format, written out here independently of the library's own constants.
-constexpr int kW = 752;
-constexpr int kH = 480;
-constexpr size_t kFrameBytes = size_t(kW) * kH * 2;
+constexpr int kW = 752, kH = 480;
 constexpr size_t kCookedBlockFromEnd = 489;  // where the facade's path finds the record block
 constexpr size_t kRawBlockFromEnd = 481;     // where the inertial-only path finds it
 constexpr size_t kRecordBytes = 24;
@@ -45,30 +40,26 @@ public:
         setenv("ORVO_VCAM_DEVICE", device(), 1);
         setenv("ORVO_VCAM_FPS", "0", 1);
         setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
-        if (faults.empty())
-            unsetenv("ORVO_VCAM_FAULTS");
-        else
-            setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
+        unsetenv("ORVO_VCAM_FAULTS");
+        if (!faults.empty()) setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
     }
     ~VirtualCamera() {
-        for (const char* v : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_FAULTS", "ORVO_VCAM_FPS"})
-            unsetenv(v);
+        for (const char* v : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_FAULTS", "ORVO_VCAM_FPS"}) unsetenv(v);
     }
     static const char* device() { return "/dev/video-virtual-engine"; }
 };
 
 // A frame of random pixels and random trailer bytes whose count byte is `count`.
 inline Frame randomFrame(std::mt19937& rng, uint8_t count) {
-    Frame f(kFrameBytes);
+    Frame f(size_t(kW) * kH * 2);
     std::uniform_int_distribution<int> byte(0, 255);
     for (auto& b : f) b = uint8_t(byte(rng));
     f.back() = count;
     return f;
 }
 
-// Overwrites slot `slot` of the block lying block_from_end bytes before the frame's end.
-inline void putRecord(Frame& f, size_t block_from_end, int slot, const int16_t gyro[3],
-                      const int16_t accel[3]) {
+// Overwrites the readings of slot `slot` of the block lying block_from_end bytes before the frame's end.
+inline void putRecord(Frame& f, size_t block_from_end, int slot, const int16_t gyro[3], const int16_t accel[3]) {
     uint8_t* rec = f.data() + f.size() - block_from_end + kRecordBytes * slot;
     for (int a = 0; a < 6; ++a) {
         const uint16_t v = uint16_t(a < 3 ? gyro[a] : accel[a - 3]);
@@ -77,32 +68,24 @@ inline void putRecord(Frame& f, size_t block_from_end, int slot, const int16_t g
     }
 }
 
-inline std::string writeRaw(const TempDir& dir, const std::vector<Frame>& frames,
-                            const std::string& name = "frames.raw") {
-    std::string path = dir.file(name);
-    std::ofstream out(path, std::ios::binary);
+inline std::string writeRaw(const TempDir& dir, const std::vector<Frame>& frames, const std::string& name = "frames.raw") {
+    std::ofstream out(dir.file(name), std::ios::binary);
     for (const Frame& f : frames) out.write(reinterpret_cast<const char*>(f.data()), f.size());
-    return path;
+    return dir.file(name);
 }
-
-inline uint32_t le32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
+inline uint32_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24; }
 inline int16_t le16(const uint8_t* p) { return int16_t(uint16_t(p[0] | p[1] << 8)); }
-
-struct DecodeSettings {
+struct DecodeSettings {  // gyro bias (counts), dead band (deg/s), accelerometer offsets (g)
     int32_t bias[3] = {0, 0, 0};
-    float low = 0, high = 0;
-    float offset[3] = {0, 0, 0};
+    float low = 0, high = 0, offset[3] = {0, 0, 0};
 };
 
 // The samples a trailer should decode to: `records` slots of the block at block_from_end.
 inline std::vector<ImuData> expectedSamples(const Frame& f, size_t block_from_end, int records,
                                             const DecodeSettings& s = DecodeSettings()) {
     std::vector<ImuData> out;
-    const uint8_t* block = f.data() + f.size() - block_from_end;
     for (int i = 0; i < records; ++i) {
-        const uint8_t* rec = block + kRecordBytes * i;
+        const uint8_t* rec = f.data() + f.size() - block_from_end + kRecordBytes * i;
         float rate[3], accel[3];
         for (int a = 0; a < 3; ++a) {
             float deg_s = float(int32_t(le16(rec + 4 + 2 * a)) - s.bias[a]) / 16.4f;
@@ -115,14 +98,13 @@ inline std::vector<ImuData> expectedSamples(const Frame& f, size_t block_from_en
     return out;
 }
 
-// Frame time of a trailer with `count` records in the block at block_from_end.
 inline uint32_t slotTime(const Frame& f, size_t block_from_end, int count) {
     return le32(f.data() + f.size() - block_from_end + kRecordBytes * count);
 }
 
 // Bit-for-bit comparison (so that -0.0 and 0.0, or one unit in the last place, differ).
-inline void expectSameSamples(const std::vector<ImuData>& actual,
-                              const std::vector<ImuData>& expected, const std::string& what) {
+inline void expectSameSamples(const std::vector<ImuData>& actual, const std::vector<ImuData>& expected,
+                              const std::string& what) {
     ASSERT_EQ(actual.size(), expected.size()) << what;
     for (size_t i = 0; i < actual.size(); ++i)
         EXPECT_EQ(0, std::memcmp(&actual[i], &expected[i], sizeof(ImuData))) << what << " record " << i;
@@ -134,16 +116,13 @@ inline cv::Mat interleavedImage(const Frame& f, int first) {
     for (size_t i = 0; i < size_t(kW) * kH; ++i) img.data[i] = f[2 * i + first];
     return img;
 }
-
 inline bool sameImage(const cv::Mat& a, const cv::Mat& b) {
     return a.size() == b.size() && a.type() == b.type() && cv::norm(a, b, cv::NORM_INF) == 0;
 }
 
 // An engine on the virtual camera, its start-up chatter captured.
-inline std::unique_ptr<StereoCamera> makeEngine(const std::string& intrinsics,
-                                                const std::string& extrinsics,
-                                                const std::string& fisheye,
-                                                std::string* out = nullptr) {
+inline std::unique_ptr<StereoCamera> makeEngine(const std::string& intrinsics, const std::string& extrinsics,
+                                                const std::string& fisheye, std::string* out = nullptr) {
     DeviceParameter p{};
     p.video_path = VirtualCamera::device();
     p.intrinsics_path = intrinsics;
@@ -156,9 +135,7 @@ inline std::unique_ptr<StereoCamera> makeEngine(const std::string& intrinsics,
     if (out) *out = c.out;
     return engine;
 }
-
-inline std::unique_ptr<OrvoCamera> makeFacade(const std::string& intrinsics,
-                                              const std::string& extrinsics,
+inline std::unique_ptr<OrvoCamera> makeFacade(const std::string& intrinsics, const std::string& extrinsics,
                                               const std::string& fisheye = "") {
     OrvoCameraParameterList p;
     p.device_path = VirtualCamera::device();
@@ -172,45 +149,31 @@ inline std::unique_ptr<OrvoCamera> makeFacade(const std::string& intrinsics,
 
 // Stereo calibration files of the default rig in dir: {intrinsics, extrinsics}.
 inline std::pair<std::string, std::string> writeStereoFiles(const TempDir& dir) {
-    std::pair<std::string, std::string> paths{dir.file("intrinsics.yml"), dir.file("extrinsics.yml")};
-    EXPECT_TRUE(orvo::vcam::Rig().writeStereo(paths.first, paths.second));
-    return paths;
+    EXPECT_TRUE(orvo::vcam::Rig().writeStereo(dir.file("intrinsics.yml"), dir.file("extrinsics.yml")));
+    return {dir.file("intrinsics.yml"), dir.file("extrinsics.yml")};
 }
 
-// A fisheye rig distinguishable from the default pinhole rig by its focal length.
-inline orvo::vcam::RigSpec fisheyeRigParams() {
+// A fisheye rig's file, told apart from the default pinhole rig (focal 430) by its focal length, 300.
+inline std::string writeFisheyeFile(const TempDir& dir) {
     orvo::vcam::RigSpec s;
     s.fisheye = true;
     s.focal = 300.0;
     s.dist_left = {0.05, -0.01, 0.002, -0.0005, 0.0};
     s.dist_right = {0.045, -0.008, 0.001, -0.0004, 0.0};
-    return s;
-}
-
-inline std::string writeFisheyeFile(const TempDir& dir) {
-    std::string path = dir.file("fisheye.yml");
-    EXPECT_TRUE(orvo::vcam::Rig(fisheyeRigParams()).writeFisheye(path));
-    return path;
+    EXPECT_TRUE(orvo::vcam::Rig(s).writeFisheye(dir.file("fisheye.yml")));
+    return dir.file("fisheye.yml");
 }
 
 // Rewrites a calibration file's matrices through edit (which may change or erase entries).
-inline void editMatrices(const std::string& path,
-                         const std::function<void(std::map<std::string, cv::Mat>&)>& edit) {
+inline void editMatrices(const std::string& path, const std::function<void(std::map<std::string, cv::Mat>&)>& edit) {
     std::map<std::string, cv::Mat> mats;
-    {
-        cv::FileStorage in(path, cv::FileStorage::READ);
-        ASSERT_TRUE(in.isOpened()) << path;
-        for (cv::FileNode node : in.root()) node >> mats[node.name()];
-    }
+    cv::FileStorage in(path, cv::FileStorage::READ);
+    ASSERT_TRUE(in.isOpened()) << path;
+    for (cv::FileNode node : in.root()) node >> mats[node.name()];
+    in.release();
     edit(mats);
     cv::FileStorage out(path, cv::FileStorage::WRITE);
     for (auto& [name, m] : mats) out << name << m;
-}
-
-inline cv::Mat readMatrix(const std::string& path, const std::string& key) {
-    cv::Mat m;
-    cv::FileStorage(path, cv::FileStorage::READ)[key] >> m;
-    return m;
 }
 
 }  // namespace engine_test

@@ -1,92 +1,108 @@
-// The engine's rectified images and its camera parameter row.
+// Rectification: the engine's camera parameter row, and rendered scenes whose features meet on the
+// same row once rectified through the facade (and not before).
+#include <algorithm>
 #include <opencv2/imgproc.hpp>
-
 #include "ZUNCVHelper.h"
 #include "engine_test_support.h"
+#include "scene.h"
 
 using namespace engine_test;
 
-// First image = odd bytes through the left maps, second = even bytes through the right maps (the
-// builders' maps, whose geometry test_remap checks), black where a map leaves the source: the
-// frame has no zero pixel, and the fisheye file's halved focal lengths send the corners outside.
-TEST(Rectification, PinholeAndFisheyePairsGoThroughTheirMaps) {
-    for (const bool fisheye : {false, true}) {
-        SCOPED_TRACE(fisheye ? "fisheye" : "pinhole");
-        TempDir dir;
-        std::mt19937 rng(3);
-        Frame frame = randomFrame(rng, 0);
-        for (auto& b : frame) b = uint8_t(1 + b % 255);
-        frame.back() = 0;
-        VirtualCamera cam("raw:" + writeRaw(dir, {frame}));
-        cv::Mat maps[2][2], k, p;
-        std::unique_ptr<StereoCamera> e;
-        if (fisheye) {
-            const std::string fish = writeFisheyeFile(dir);
-            editMatrices(fish, [](std::map<std::string, cv::Mat>& m) {
-                for (const char* key : {"P1", "P2"}) m[key](cv::Rect(0, 0, 2, 2)) *= 0.5;
-            });
-            e = makeEngine("", "", fish);
-            ASSERT_TRUE(get_remap_mat_fisheye_file(fish, {kW, kH}, maps[0][0], maps[0][1],
-                                                   maps[1][0], maps[1][1], k, p));
-        } else {
-            auto [intr, extr] = writeStereoFiles(dir);
-            e = makeEngine(intr, extr, "");
-            ASSERT_TRUE(get_remap_mat(intr, extr, {kW, kH}, maps[0][0], maps[0][1], maps[1][0],
-                                      maps[1][1], k, p));
-        }
-        cv::Mat raw[2], rect[2];
-        std::vector<ImuData> imu;
-        unsigned int t = 0;
-        e->update_cam_imu(raw[0], raw[1], imu, t);
-        EXPECT_TRUE(e->getStereoRemapMat(rect[0], rect[1]));
-        for (int i = 0; i < 2; ++i) {
-            cv::Mat want;
-            cv::remap(interleavedImage(frame, 1 - i), want, maps[i][0], maps[i][1],
-                      cv::INTER_LINEAR, cv::BORDER_CONSTANT, cv::Scalar());
-            EXPECT_TRUE(sameImage(rect[i], want)) << "image " << i;
-        }
-        if (fisheye) {
-            EXPECT_GT(cv::countNonZero(rect[0] == 0), 1000);
-        }
-        // Asked again without a new frame: the same pair, written into the same storage.
-        const uchar* data = rect[0].data;
-        const cv::Mat again = rect[0].clone();
-        e->getStereoRemapMat(rect[0], rect[1]);
-        EXPECT_EQ(rect[0].data, data);
-        EXPECT_TRUE(sameImage(rect[0], again));
+namespace {
+
+// The engine's row is [fx, fy, cx, cy, -P2(0,3), width, height], read afresh from the extrinsics
+// on every call; getStereoCameraParameter gives the first five with P2(0,3) as stored (not divided
+// by P2(0,0)). Without the file, or without 3x4 double P1 and P2, both fail and leave their
+// output alone; only the missing file is reported.
+TEST(CameraParameter, RowComesFromTheExtrinsicsFileOnEveryCall) {
+    TempDir dir;
+    const auto [intr, extr] = writeStereoFiles(dir);
+    VirtualCamera cam("pattern");
+    auto e = makeEngine(intr, extr, "");
+    for (const double p03 : {-49.0625, 30.0}) {  // negated, not made absolute
+        editMatrices(extr, [&](auto& m) {
+            m["P1"] = (cv::Mat_<double>(3, 4) << 410.5, 0.1, 370.25, 0.2, 0.3, 412.75, 240.125, 0.4, 0, 0, 1, 0);
+            m["P2"] = (cv::Mat_<double>(3, 4) << 2.0, 0, 371, p03, 0, 412.75, 240.125, 0, 0, 0, 1, 0);
+        });
+        cv::Mat row, five;
+        ASSERT_TRUE(e->getCameraParameter(row) && getStereoCameraParameter(extr, five));
+        EXPECT_TRUE(sameImage(row, cv::Mat(cv::Matx<double, 1, 7>(410.5, 412.75, 370.25, 240.125, -p03, kW, kH))));
+        EXPECT_TRUE(sameImage(five, cv::Mat(cv::Matx<double, 1, 5>(410.5, 412.75, 370.25, 240.125, p03))));
+    }
+    for (const std::string damage : {"P1", "P2", ""}) {  // a single-precision P1, a 3x3 P2, no file
+        writeStereoFiles(dir);
+        if (damage.empty()) std::filesystem::remove(extr);
+        else editMatrices(extr, [&](auto& m) {
+            damage == "P1" ? m["P1"].convertTo(m["P1"], CV_32F) : void(m["P2"] = m["P2"].colRange(0, 3).clone()); });
+        cv::Mat row = cv::Mat::ones(1, 2, CV_64F), five = row;
+        const uchar* kept = row.data;
+        auto c = orvo_test::captureOutput(
+            [&] { EXPECT_FALSE(e->getCameraParameter(row) || getStereoCameraParameter(extr, five)); });
+        EXPECT_EQ(c.err, damage.empty() ? " Read File : " + extr + "Error !\n Read File : " + extr + "Error !\n" : "");
+        EXPECT_TRUE(row.data == kept && five.data == kept && cv::countNonZero(row) == 2);
     }
 }
 
-// [fx, fy, cx, cy, -P2(0,3), width, height], read afresh on every call; a failed read keeps the
-// earlier row.
-TEST(CameraParameter, RowComesFromTheExtrinsicsFileOnEveryCall) {
-    TempDir dir;
-    auto [intr, extr] = writeStereoFiles(dir);
-    auto setP2 = [&](double p03) {
-        editMatrices(extr, [&](std::map<std::string, cv::Mat>& m) {
-            const cv::Matx23d p1(401.25, 0, 370.75, 0, 402.5, 240.125);
-            cv::Mat(p1).copyTo(m["P1"](cv::Rect(0, 0, 3, 2)));
-            m["P2"].at<double>(0, 3) = p03;
-        });
-    };
-    setP2(-48.5);
-    VirtualCamera cam("pattern");
-    auto e = makeEngine(intr, extr, "");
-    cv::Mat row;
-    ASSERT_TRUE(e->getCameraParameter(row));
-    EXPECT_TRUE(sameImage(row, cv::Mat(cv::Matx<double, 1, 7>(401.25, 402.5, 370.75, 240.125,
-                                                              48.5, 752, 480))));
-
-    // Not cached, and negated rather than made absolute.
-    setP2(30.0);
-    ASSERT_TRUE(e->getCameraParameter(row));
-    EXPECT_EQ(row.at<double>(0, 4), -30.0);
-
-    std::filesystem::remove(extr);
-    const cv::Mat before = row.clone();
-    const double* data = row.ptr<double>();
-    auto c = orvo_test::captureOutput([&] { EXPECT_FALSE(e->getCameraParameter(row)); });
-    EXPECT_EQ(c.err, " Read File : " + extr + "Error !\n");
-    EXPECT_EQ(row.ptr<double>(), data);
-    EXPECT_TRUE(sameImage(row, before));
+// Median vertical offset, in whole pixels, of the well-matched left-image corners in the right
+// image, searched up to 120 pixels to the left and 20 rows up and down (at least 60 matches).
+double medianRowOffset(const cv::Mat& left, const cv::Mat& right) {
+    constexpr int kHalf = 8, kReach = 120, kRows = 20;
+    std::vector<cv::Point2f> corners;
+    std::vector<double> offsets;
+    cv::goodFeaturesToTrack(left(cv::Rect(0, 0, left.cols, left.rows - 4)), corners, 400, 0.01, 12);
+    for (const cv::Point2f& c : corners) {
+        const cv::Rect patch(int(std::lround(c.x)) - kHalf, int(std::lround(c.y)) - kHalf, 2 * kHalf + 1, 2 * kHalf + 1);
+        const cv::Rect search = cv::Rect(patch.x - kReach, patch.y - kRows, patch.width + kReach + 4,
+                                         patch.height + 2 * kRows) & cv::Rect(0, 0, right.cols, right.rows - 4);
+        if ((patch & cv::Rect(0, 0, left.cols, left.rows)) != patch || search.height < patch.height + 2 ||
+            search.width < patch.width + 2)
+            continue;
+        cv::Mat scores;
+        cv::matchTemplate(right(search), left(patch), scores, cv::TM_CCOEFF_NORMED);
+        double best;
+        cv::Point at;
+        cv::minMaxLoc(scores, nullptr, &best, nullptr, &at);
+        if (best >= 0.9) offsets.push_back(std::abs(search.y + at.y - patch.y));
+    }
+    EXPECT_GE(offsets.size(), 60u);
+    if (offsets.empty()) return NAN;
+    std::nth_element(offsets.begin(), offsets.begin() + offsets.size() / 2, offsets.end());
+    return offsets[offsets.size() / 2];
 }
+
+// The default scene, pinhole and seen by the fisheye rig. The facade's rectified pair is its raw pair
+// through the builders' maps (left maps first), black where a map leaves the source.
+TEST(RectificationScene, RowsAlignAfterRectificationOnly) {
+    TempDir dir;
+    orvo::vcam::Scene scene = orvo::vcam::defaultScene();
+    scene.rig = orvo::vcam::fisheyeRigSpec();
+    scene.calibration = orvo::vcam::SceneCalibration();
+    scene.calibration.fisheye = "fisheye.yml";
+    std::string error;
+    ASSERT_TRUE(saveScene(dir.file("scene.yml"), scene, &error)) << error;
+    ASSERT_TRUE(loadScene(dir.file("scene.yml"), scene, &error)) << error;
+    ASSERT_TRUE(writeSceneCalibration(scene, &error)) << error;
+    const std::string data = std::string(ORVO_SOURCE_DIR) + "/data/default_scene/";
+    const std::string rigs[][4] = {{"", data + "intrinsics.yml", data + "extrinsics.yml", ""},
+                                   {"scene:" + dir.file("scene.yml"), "", "", dir.file("fisheye.yml")}};
+    for (const auto& r : rigs) {
+        SCOPED_TRACE(r[0] + r[3]);
+        VirtualCamera vcam(r[0]);
+        auto camera = makeFacade(r[1], r[2], r[3]);
+        ASSERT_TRUE(camera->Grab());
+        cv::Mat raw[2], rect[2], m[6];  // left maps, right maps, camera matrix, right projection
+        camera->getOrgImage(raw[0], raw[1]);
+        camera->getRectImage(rect[0], rect[1]);
+        EXPECT_LE(medianRowOffset(rect[0], rect[1]), 0.5);
+        EXPECT_GE(medianRowOffset(raw[0], raw[1]), 3.0);
+        ASSERT_TRUE(r[3].empty() ? get_remap_mat(r[1], r[2], {kW, kH}, m[0], m[1], m[2], m[3], m[4], m[5])
+                                 : get_remap_mat_fisheye_file(r[3], {kW, kH}, m[0], m[1], m[2], m[3], m[4], m[5]));
+        for (int i = 0; i < 2; ++i) {
+            cv::Mat want;
+            cv::remap(raw[i], want, m[2 * i], m[2 * i + 1], cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+            EXPECT_TRUE(sameImage(rect[i], want)) << "image " << i;
+        }
+    }
+}
+
+}  // namespace

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "engine_test_support.h"
 
@@ -59,6 +60,7 @@ TEST(Soak, FreeRunningFramesKeepMemoryDescriptorsAndMappingsFlat) {
         std::vector<nerapot> bins(360);
         std::vector<ImuData> imu;
         unsigned int frame_time = 0, last_tick = 0;
+        const auto start = std::chrono::steady_clock::now();
         for (long f = 1; f <= frames; ++f) {
             rectified += camera->Grab();
             cv::Point3d nearest;
@@ -78,6 +80,9 @@ TEST(Soak, FreeRunningFramesKeepMemoryDescriptorsAndMappingsFlat) {
                 std::fflush(stdout);
             }
         }
+        // The long form's figures, for whoever reads scripts/soak.sh's output.
+        std::printf("%ld frames in %.1f s, %zu inertial samples, nearest found in %d\n", frames,
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), samples, found);
         orvo_test::captureOutput([&] { camera.reset(); });
     };
     // A warm-up life brings up what stays for the process (OpenCV's pool), so the counts see one life's rest.

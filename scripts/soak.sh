@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The long soak: builds the soak test and runs FRAMES (default 100,000) free-running frames through
 # Grab, getNearestPoint and ImuRect, printing the resident set every 1,000 frames and judging it,
-# the descriptors and the mappings at the end. 30 to 45 minutes on one core; give it a build directory no other build touches (ORVO_BUILD_DIR).
+# the descriptors and the mappings at the end. 30 to 45 minutes on one core; give it a build
+# directory no other build touches (ORVO_BUILD_DIR).
 # Usage: scripts/soak.sh [FRAMES]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

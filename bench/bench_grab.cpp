@@ -18,7 +18,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "OrvoCamera.h"
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "rig.h"
 
 namespace {

@@ -12,7 +12,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "video_device.h"
 #include "yuyv_split.h"
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "run_capture.h"
 #include "video_device.h"
 

@@ -12,8 +12,8 @@ namespace {
 
 // The engine's row is [fx, fy, cx, cy, -P2(0,3), width, height], read afresh from the extrinsics
 // on every call; getStereoCameraParameter gives the first five with P2(0,3) as stored (not divided
-// by P2(0,0)). Without the file, or without 3x4 double P1 and P2, both fail and leave their
-// output alone; only the missing file is reported.
+// by P2(0,0)); single-precision P1 and P2 are widened. Without the file, or without 3x4 P1 and
+// P2, both fail and leave their output alone; only the missing file is reported.
 TEST(CameraParameter, RowComesFromTheExtrinsicsFileOnEveryCall) {
     TempDir dir;
     const auto [intr, extr] = writeStereoFiles(dir);
@@ -29,11 +29,15 @@ TEST(CameraParameter, RowComesFromTheExtrinsicsFileOnEveryCall) {
         EXPECT_TRUE(sameImage(row, cv::Mat(cv::Matx<double, 1, 7>(410.5, 412.75, 370.25, 240.125, -p03, kW, kH))));
         EXPECT_TRUE(sameImage(five, cv::Mat(cv::Matx<double, 1, 5>(410.5, 412.75, 370.25, 240.125, p03))));
     }
-    for (const std::string damage : {"P1", "P2", ""}) {  // a single-precision P1, a 3x3 P2, no file
+    // Saved in single precision, the projections are read widened to doubles.
+    editMatrices(extr, [&](auto& m) { m["P1"].convertTo(m["P1"], CV_32F), m["P2"].convertTo(m["P2"], CV_32F); });
+    cv::Mat row;
+    ASSERT_TRUE(e->getCameraParameter(row));
+    EXPECT_TRUE(sameImage(row, cv::Mat(cv::Matx<double, 1, 7>(410.5, 412.75, 370.25, 240.125, -30.0, kW, kH))));
+    for (const std::string damage : {"P2", ""}) {  // a 3x3 P2, no file
         writeStereoFiles(dir);
         if (damage.empty()) std::filesystem::remove(extr);
-        else editMatrices(extr, [&](auto& m) {
-            damage == "P1" ? m["P1"].convertTo(m["P1"], CV_32F) : void(m["P2"] = m["P2"].colRange(0, 3).clone()); });
+        else editMatrices(extr, [&](auto& m) { m["P2"] = m["P2"].colRange(0, 3).clone(); });
         cv::Mat row = cv::Mat::ones(1, 2, CV_64F), five = row;
         const uchar* kept = row.data;
         auto c = orvo_test::captureOutput(
@@ -83,7 +87,17 @@ TEST(RectificationScene, RowsAlignAfterRectificationOnly) {
     ASSERT_TRUE(loadScene(dir.file("scene.yml"), scene, &error)) << error;
     ASSERT_TRUE(writeSceneCalibration(scene, &error)) << error;
     const std::string data = std::string(ORVO_SOURCE_DIR) + "/data/default_scene/";
+    // The same lenses and right projection saved in single precision rectify the same (OpenCV itself
+    // refuses a single-precision rotation).
+    for (const char* name : {"intrinsics.yml", "extrinsics.yml"}) {
+        std::filesystem::copy_file(data + name, dir.file(std::string("f32-") + name));
+        editMatrices(dir.file(std::string("f32-") + name), [](auto& m) {
+            for (auto& [key, value] : m)
+                if (key != "R" && key != "T") value.convertTo(value, CV_32F);
+        });
+    }
     const std::string rigs[][4] = {{"", data + "intrinsics.yml", data + "extrinsics.yml", ""},
+                                   {"", dir.file("f32-intrinsics.yml"), dir.file("f32-extrinsics.yml"), ""},
                                    {"scene:" + dir.file("scene.yml"), "", "", dir.file("fisheye.yml")}};
     for (const auto& r : rigs) {
         SCOPED_TRACE(r[0] + r[3]);

@@ -13,7 +13,7 @@
 
 #include "ZUNCVHelper.h"
 #include "calib_fixture.h"
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "run_capture.h"
 #include "scratch_dir.h"
 

@@ -9,7 +9,8 @@
 #include <sstream>
 
 #include "OrvoCamera.h"
-#include "frame_format.h"
+#include "frame_geometry.h"
+#include "trailer.h"
 #include "run_capture.h"
 #include "scene.h"
 #include "scratch_dir.h"
@@ -20,6 +21,7 @@ namespace {
 
 using namespace orvo::vcam;
 namespace frame = orvo::frame;
+namespace trailer = orvo::trailer;
 using orvo_test::ScopedEnv;
 
 constexpr const char* kNode = "/dev/video-virtual-scene";
@@ -33,7 +35,7 @@ std::string readFile(const std::string& path) {
 
 void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
-struct Decoded { std::vector<TrailerRecord> records; uint32_t frame_ticks = 0; };
+struct Decoded { std::vector<trailer::Record> records; uint32_t frame_ticks = 0; };
 
 // The trailer as a reader sees it: 24-byte records from L-489, count in the last byte, the frame
 // time in the slot after the last record.
@@ -44,7 +46,7 @@ Decoded decodeTrailer(const uint8_t* f) {
     const size_t n = f[frame::kBytes - 1];
     for (size_t i = 0; i < n && i < 20; ++i) {
         const uint8_t* r = block + i * 24;
-        TrailerRecord rec;
+        trailer::Record rec;
         rec.ticks = u32(r);
         for (int a = 0; a < 3; ++a) {
             rec.gyro[a] = int16_t(r[4 + 2 * a] | r[5 + 2 * a] << 8);

@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "real_calls.h"
 #include "requests.h"
 

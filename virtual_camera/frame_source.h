@@ -45,16 +45,5 @@ public:
 // "raw:FILE" or "scene:FILE". On failure returns null and sets *error.
 std::unique_ptr<FrameSource> makeFrameSource(const std::string& name, std::string* error);
 
-// The inertial trailer as the camera writes it: up to 20 records, the frame time in the slot after
-// the last record, the count in the frame's last byte. Records beyond 20 are not written; with 20
-// records there is no slot left for the frame time.
-struct TrailerRecord {
-    uint32_t ticks = 0;
-    int16_t gyro[3] = {0, 0, 0};
-    int16_t accel[3] = {0, 0, 0};
-};
-void encodeTrailer(uint8_t* frame, size_t length, const std::vector<TrailerRecord>& records,
-                   uint32_t frame_ticks);
-
 }  // namespace vcam
 }  // namespace orvo

@@ -5,7 +5,8 @@
 #include <cstring>
 #include <vector>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
+#include "trailer.h"
 #include "sources.h"
 
 namespace orvo {
@@ -78,7 +79,7 @@ public:
                         kBytesPerLine);
         fillImu(index, time_s, truth);
         truth.frame_ticks = uint32_t(uint64_t(std::llround(time_s * kTicksPerSecond)));
-        encodeTrailer(dst, kBytes, records_, truth.frame_ticks);
+        trailer::encode(dst, kBytes, records_, truth.frame_ticks);
         truth.has_attitude = true;
         truth.attitude[0] = std::cos(kYawRate * time_s / 2);
         truth.attitude[1] = 0;
@@ -105,7 +106,7 @@ private:
             s.gyro_rad_s[2] = kYawRate;
             s.accel_g[0] = kVibrationG * std::sin(2 * kPi * kVibrationHz * t);
             s.accel_g[2] = 1.0;
-            TrailerRecord r;
+            trailer::Record r;
             r.ticks = s.ticks;
             for (int a = 0; a < 3; ++a) {
                 s.gyro_raw[a] = saturate16(s.gyro_rad_s[a] * kDegPerRad * double(kGyroCountsPerDegS));
@@ -119,7 +120,7 @@ private:
     }
 
     std::vector<uint8_t> lines_;  // per row, kLineTexels interleaved pixel pairs
-    std::vector<TrailerRecord> records_;
+    std::vector<trailer::Record> records_;
 };
 
 }  // namespace

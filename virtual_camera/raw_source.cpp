@@ -8,7 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
+#include "trailer.h"
 #include "real_calls.h"
 #include "sources.h"
 
@@ -30,7 +31,7 @@ public:
         uint64_t frame = index % frames_;
         const uint8_t* src = data_ + frame * kBytes;
         std::memcpy(dst, src, kBytes);
-        if (!trailerFrameTicks(src, kBytes, &truth.frame_ticks)) truth.frame_ticks = 0;
+        if (!trailer::frameTicks(src, kBytes, &truth.frame_ticks)) truth.frame_ticks = 0;
         char extra[64];
         std::snprintf(extra, sizeof extra, "source=raw frame=%llu", static_cast<unsigned long long>(frame));
         truth.extra = extra;

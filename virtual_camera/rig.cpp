@@ -6,6 +6,8 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include "calib_layout.h"
+
 namespace orvo {
 namespace vcam {
 namespace {
@@ -139,11 +141,12 @@ bool Rig::writeStereo(const std::string& intrinsics_path, const std::string& ext
     if (spec_.fisheye) return false;
     cv::FileStorage in(intrinsics_path, cv::FileStorage::WRITE);
     if (!in.isOpened()) return false;
-    in << "M1" << K1 << "D1" << D1 << "M2" << K2 << "D2" << D2;
+    layout::write(in, layout::intrinsics::kKeys, {K1, D1, K2, D2});
     in.release();
     cv::FileStorage ex(extrinsics_path, cv::FileStorage::WRITE);
     if (!ex.isOpened()) return false;
-    ex << "R" << R << "T" << T << "R1" << R1 << "R2" << R2 << "P1" << P1 << "P2" << P2 << "Q" << Q;
+    layout::write(ex, layout::extrinsics::kKeys, {R, T, R1, R2, P1, P2});
+    ex << layout::extrinsics::kQ << Q;
     return true;
 }
 
@@ -152,8 +155,7 @@ bool Rig::writeFisheye(const std::string& path) const {
     if (!spec_.fisheye) return false;
     cv::FileStorage fs(path, cv::FileStorage::WRITE);
     if (!fs.isOpened()) return false;
-    fs << "K1" << K1 << "K2" << K2 << "D1" << D1 << "D2" << D2 << "R1" << R1 << "R2" << R2
-       << "P1" << P1 << "P2" << P2;
+    layout::write(fs, layout::fisheye::kKeys, {K1, K2, D1, D2, R1, R2, P1, P2});
     return true;
 }
 
@@ -163,8 +165,7 @@ bool Rig::writeMono(const std::string& path, int lens) const {
     if (spec_.fisheye || !validLens(lens)) return false;
     cv::FileStorage fs(path, cv::FileStorage::WRITE);
     if (!fs.isOpened()) return false;
-    fs << "camera_matrix" << (lens == 0 ? K1 : K2) << "distortion_coefficients"
-       << (lens == 0 ? D1 : D2);
+    layout::write(fs, layout::mono::kKeys, {lens == 0 ? K1 : K2, lens == 0 ? D1 : D2});
     return true;
 }
 

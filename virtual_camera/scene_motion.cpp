@@ -4,7 +4,7 @@
 
 #include <opencv2/calib3d.hpp>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "scene.h"
 
 namespace orvo {

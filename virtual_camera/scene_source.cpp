@@ -8,7 +8,8 @@
 #include <mutex>
 #include <sstream>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
+#include "trailer.h"
 #include "scene.h"
 
 namespace orvo {
@@ -82,7 +83,7 @@ private:
     std::unique_ptr<SceneRenderer> renderer_;  // a camera whose images follow its motion
     Images moving_;
     cv::Mat left_, right_;
-    std::vector<TrailerRecord> records_;
+    std::vector<trailer::Record> records_;
 };
 
 void SceneSource::fillTrailer(int64_t index, uint8_t* dst, FrameTruth& truth) {
@@ -92,7 +93,7 @@ void SceneSource::fillTrailer(int64_t index, uint8_t* dst, FrameTruth& truth) {
     truth.imu.clear();
     for (int64_t k = first; k <= last; ++k) {
         const ImuTruthSample s = imuSample(scene_, k);
-        TrailerRecord r;
+        trailer::Record r;
         r.ticks = s.ticks;
         std::memcpy(r.gyro, s.gyro_raw, sizeof r.gyro);
         std::memcpy(r.accel, s.accel_raw, sizeof r.accel);
@@ -100,7 +101,7 @@ void SceneSource::fillTrailer(int64_t index, uint8_t* dst, FrameTruth& truth) {
         truth.imu.push_back(s);
     }
     truth.frame_ticks = frameTicks(scene_, index);
-    encodeTrailer(dst, frame::kBytes, records_, truth.frame_ticks);
+    trailer::encode(dst, frame::kBytes, records_, truth.frame_ticks);
 }
 
 std::string SceneSource::nearestDepthExtra(const ScenePose& pose) const {

@@ -14,16 +14,13 @@
 #include <fstream>
 #include <vector>
 
+#include <calib_layout.h>
 #include <rig.h>
 #include <scene.h>
 
 namespace orvo_tool {
 
 namespace {
-
-const char* const kIntrinsicsKeys[] = {"M1", "D1", "M2", "D2"};
-const char* const kExtrinsicsKeys[] = {"R", "T", "R1", "R2", "P1", "P2"};
-const char* const kFisheyeKeys[] = {"K1", "K2", "D1", "D2", "R1", "R2", "P1", "P2"};
 
 bool endsWith(const std::string& s, const std::string& tail) {
     return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
@@ -148,10 +145,11 @@ StdoutRedirect::~StdoutRedirect() {
 
 std::string checkCalibrationFile(const std::string& path, int layout) {
     if (!readable(path)) throw RunError("cannot read calibration file " + path + ": " + errnoText(errno));
-    const char* const* keys = kIntrinsicsKeys;
-    size_t count = 4;
-    if (layout == ZUNCV_EXTRINSICS) keys = kExtrinsicsKeys, count = 6;
-    if (layout == ZUNCV_FISHEYE) keys = kFisheyeKeys, count = 8;
+    namespace slots = orvo::layout;
+    const char* const* keys = slots::intrinsics::kKeys;
+    size_t count = slots::intrinsics::kCount;
+    if (layout == ZUNCV_EXTRINSICS) keys = slots::extrinsics::kKeys, count = slots::extrinsics::kCount;
+    if (layout == ZUNCV_FISHEYE) keys = slots::fisheye::kKeys, count = slots::fisheye::kCount;
     std::vector<cv::Mat> mats;
     bool ok = false;
     try {

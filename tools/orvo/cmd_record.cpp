@@ -6,7 +6,7 @@
 #include <video_device.h>
 
 #include "commands.h"
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "pipeline.h"
 #include "session.h"
 

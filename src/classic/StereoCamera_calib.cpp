@@ -13,6 +13,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "calib_layout.h"
+
 namespace {
 
 using Corners = std::vector<cv::Point2f>;
@@ -156,7 +158,7 @@ void saveIntrinsics(const cv::Mat (&M)[2], const cv::Mat (&D)[2]) {
         std::printf("Error: can not save the intrinsic parameters\n");
         return;
     }
-    fs << "M1" << M[0] << "D1" << D[0] << "M2" << M[1] << "D2" << D[1];
+    orvo::layout::write(fs, orvo::layout::intrinsics::kKeys, {M[0], D[0], M[1], D[1]});
     fs.release();
 }
 
@@ -171,8 +173,8 @@ void saveExtrinsics(const cv::Mat& R, const cv::Mat& T, const Rectification& r) 
         std::printf("Error: can not save the extrinsic parameters\n");
         return;
     }
-    fs << "R" << R << "T" << T << "R1" << r.R1 << "R2" << r.R2 << "P1" << r.P1 << "P2" << r.P2
-       << "Q" << r.Q;
+    orvo::layout::write(fs, orvo::layout::extrinsics::kKeys, {R, T, r.R1, r.R2, r.P1, r.P2});
+    fs << orvo::layout::extrinsics::kQ << r.Q;
     fs.release();
 }
 

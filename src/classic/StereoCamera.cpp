@@ -9,7 +9,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "ZUNCVHelper.h"
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "trailer.h"
 
 namespace layout = orvo::frame;
@@ -19,14 +19,22 @@ namespace {
 // A calibration path counts as given only when it is longer than one character.
 bool pathGiven(const std::string& path) { return path.size() > 1; }
 
+bool isRealMatrix(const cv::Mat& m, int rows, int cols) {
+    return (m.type() == CV_64FC1 || m.type() == CV_32FC1) && m.rows == rows && m.cols == cols;
+}
+
 // The builder's outputs are usable only when both lenses have maps, the left camera matrix is a
-// 3x3 and the right projection a 3x4 matrix of doubles; anything else means no rectification and
-// no camera constants, so nothing is ever read from an empty or short matrix.
+// 3x3 and the right projection a 3x4 matrix of reals; anything else means no rectification and
+// no camera constants, so nothing is ever read from an empty or short matrix. Files written in
+// single precision are as good as double ones: their elements are widened when read.
 bool calibrationUsable(const cv::Mat& map_1, const cv::Mat& map_3, const cv::Mat& camera_matrix,
                        const cv::Mat& projection_2) {
-    return !map_1.empty() && !map_3.empty() && camera_matrix.type() == CV_64FC1 &&
-           camera_matrix.rows == 3 && camera_matrix.cols == 3 &&
-           projection_2.type() == CV_64FC1 && projection_2.rows == 3 && projection_2.cols == 4;
+    return !map_1.empty() && !map_3.empty() && isRealMatrix(camera_matrix, 3, 3) &&
+           isRealMatrix(projection_2, 3, 4);
+}
+
+double element(const cv::Mat& m, int row, int col) {
+    return m.depth() == CV_32F ? double(m.at<float>(row, col)) : m.at<double>(row, col);
 }
 
 using orvo::trailer::readLE16;
@@ -143,12 +151,12 @@ StereoCamera::StereoCamera(DeviceParameter param)
     odd_buffer = new unsigned char[width * height]();
 
     if (maps_valid && calibrationUsable(map_1, map_3, camera_matrix, projection_2)) {
-        cx = camera_matrix.at<double>(0, 2);
-        cy = camera_matrix.at<double>(1, 2);
-        fx = camera_matrix.at<double>(0, 0);
-        fy = camera_matrix.at<double>(1, 1);
+        cx = element(camera_matrix, 0, 2);
+        cy = element(camera_matrix, 1, 2);
+        fx = element(camera_matrix, 0, 0);
+        fy = element(camera_matrix, 1, 1);
         // The baseline is kept at single precision on purpose: the depth code was tuned with it.
-        const float quotient = float(projection_2.at<double>(0, 3) / projection_2.at<double>(0, 0));
+        const float quotient = float(element(projection_2, 0, 3) / element(projection_2, 0, 0));
         baseline = double(std::fabs(quotient));
     } else {
         maps_valid = false;

@@ -14,12 +14,11 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "calib_layout.h"
+
 namespace {
 
-constexpr size_t kIntrinsicsCount = 4;
-constexpr size_t kExtrinsicsCount = 6;
-constexpr size_t kMonoCount = 2;
-constexpr size_t kFisheyeCount = 8;
+namespace slot = orvo::layout;
 
 // OpenCV logs its own line on standard error for a file it cannot open, throws for an empty name
 // and for a directory; checking first keeps the reader's single message the only output.
@@ -42,10 +41,13 @@ void append(std::vector<cv::Mat>& out, std::initializer_list<cv::Mat> mats) {
     out.insert(out.end(), mats.begin(), mats.end());
 }
 
-// True when the list has the layout's full count and every entry the caller needs holds data.
-bool hasEntries(const std::vector<cv::Mat>& list, size_t count, std::initializer_list<size_t> needed) {
-    if (list.size() != count) return false;
-    return std::all_of(needed.begin(), needed.end(), [&](size_t i) { return !list[i].empty(); });
+// A key missing from a calibration file that was read leaves an empty matrix in its slot; the
+// builders raise OpenCV's own exception for it, as the call receiving it would, naming the key
+// (OpenCV 4.6's stereoRectify crashes on some empty inputs instead of raising).
+void requireKey(const cv::Mat& m, const char* key, const std::string& path) {
+    if (m.empty())
+        CV_Error(cv::Error::StsBadArg,
+                 "calibration file '" + path + "' has no '" + key + "' matrix");
 }
 
 // Maps are built into fresh matrices and then assigned, so that an output the caller shares with
@@ -57,7 +59,12 @@ void assignMaps(const MapPair& maps, cv::Mat& first, cv::Mat& second) {
     second = maps.second;
 }
 
-bool isProjection(const cv::Mat& p) { return p.rows == 3 && p.cols == 4 && p.type() == CV_64FC1; }
+// A 3x4 projection of doubles, or of floats (a file saved in single precision), widened to doubles.
+bool projectionAsDouble(const cv::Mat& p, cv::Mat& out) {
+    if (p.rows != 3 || p.cols != 4 || (p.type() != CV_64FC1 && p.type() != CV_32FC1)) return false;
+    p.convertTo(out, CV_64F);
+    return true;
+}
 
 // Writes src into the canvas region; the target size equals the source's, so this is a copy
 // unless the depths differ, in which case resize reallocates the region and the canvas stays
@@ -113,42 +120,38 @@ bool readLayout(const std::string& path, zuncvFileType type, std::vector<cv::Mat
     }
     switch (static_cast<int>(type)) {
     case ZUNCV_INTRINSICS: {
-        cv::Mat m1 = readKey(fs, "M1");
-        cv::Mat m2 = readKey(fs, "M2");
-        cv::Mat d1 = readKey(fs, "D1");
-        cv::Mat d2 = readKey(fs, "D2");
+        using namespace orvo::layout::intrinsics;
+        cv::Mat m1 = readKey(fs, kKeys[M1]);
+        cv::Mat m2 = readKey(fs, kKeys[M2]);
+        cv::Mat d1 = readKey(fs, kKeys[D1]);
+        cv::Mat d2 = readKey(fs, kKeys[D2]);
         append(out, {m1, d1, m2, d2});
         break;
     }
     case ZUNCV_EXTRINSICS: {
-        cv::Mat r = readKey(fs, "R");
-        cv::Mat t = readKey(fs, "T");
-        cv::Mat r1 = readKey(fs, "R1");
-        cv::Mat r2 = readKey(fs, "R2");
-        cv::Mat p1 = readKey(fs, "P1");
-        cv::Mat p2 = readKey(fs, "P2");
-        append(out, {r, t, r1, r2, p1, p2});
+        using namespace orvo::layout::extrinsics;
+        std::vector<cv::Mat> slots(kCount);
+        for (size_t slot = 0; slot < kCount; ++slot) slots[slot] = readKey(fs, kKeys[slot]);
+        out.insert(out.end(), slots.begin(), slots.end());
         break;
     }
     case ZUNCV_MONO: {
-        cv::Mat k = readKey(fs, "camera_matrix");
-        cv::Mat d = readKey(fs, "distortion_coefficients");
+        using namespace orvo::layout::mono;
+        cv::Mat k = readKey(fs, kKeys[camera_matrix]);
+        cv::Mat d = readKey(fs, kKeys[distortion_coefficients]);
         out.clear();  // unlike the other layouts, the list ends up holding only this file
         append(out, {k, d});
         break;
     }
     case ZUNCV_FISHEYE: {
-        cv::Mat k1 = readKey(fs, "K1");
-        std::cout << "read K1" << std::endl;
-        cv::Mat k2 = readKey(fs, "K2");
-        cv::Mat d1 = readKey(fs, "D1");
-        std::cout << "read D1" << std::endl;
-        cv::Mat d2 = readKey(fs, "D2");
-        cv::Mat r1 = readKey(fs, "R1");
-        cv::Mat r2 = readKey(fs, "R2");
-        cv::Mat p1 = readKey(fs, "P1");
-        cv::Mat p2 = readKey(fs, "P2");
-        append(out, {k1, k2, d1, d2, r1, r2, p1, p2});
+        using namespace orvo::layout::fisheye;
+        std::vector<cv::Mat> slots(kCount);
+        for (size_t slot = 0; slot < kCount; ++slot) {
+            slots[slot] = readKey(fs, kKeys[slot]);
+            if (slot == K1) std::cout << "read K1" << std::endl;
+            if (slot == D1) std::cout << "read D1" << std::endl;
+        }
+        out.insert(out.end(), slots.begin(), slots.end());
         break;
     }
     default:
@@ -181,13 +184,14 @@ bool readYML(std::string path, zuncvFileType type, std::vector<cv::Mat>& out) {
 
 // Condenses an extrinsics file into [fx, fy, cx, cy, P2(0,3)] (1x5 double) from its P1 and P2.
 // Returns false, leaving `out` untouched, when the file cannot be read or P1/P2 are not 3x4
-// double matrices.
+// real matrices (single-precision ones are widened).
 bool getStereoCameraParameter(const std::string& path, cv::Mat& out) {
     std::vector<cv::Mat> list;
     if (!readYML(path, ZUNCV_EXTRINSICS, list)) return false;
-    const cv::Mat& p1 = list[4];
-    const cv::Mat& p2 = list[5];
-    if (!isProjection(p1) || !isProjection(p2)) return false;
+    cv::Mat p1, p2;
+    if (!projectionAsDouble(list[slot::extrinsics::P1], p1) ||
+        !projectionAsDouble(list[slot::extrinsics::P2], p2))
+        return false;
     cv::Mat values = cv::Mat::zeros(1, 5, CV_64FC1);
     double* v = values.ptr<double>(0);
     v[0] = p1.at<double>(0, 0);
@@ -202,23 +206,29 @@ bool getStereoCameraParameter(const std::string& path, cv::Mat& out) {
 // Pinhole stereo maps: rectifies the intrinsics and extrinsics files' R and T afresh
 // (zero disparity, alpha 0) and builds both lenses' CV_16SC2/CV_16UC1 maps of `size`.
 // camera_matrix and projection_2 become header copies of the files' M1 and P2.
-// Returns false, leaving every output untouched, when either file cannot be read or lacks
-// M1, D1, M2, D2, R, T or P2 (the file's R1, R2 and P1 are not needed). OpenCV's exceptions for
-// matrices of the wrong shape pass through.
+// Returns false, leaving every output untouched, when either file cannot be read. A key that the
+// rectification needs (M1, D1, M2, D2, R, T) missing from a file that was read raises OpenCV's
+// exception after outputs 5 and 6 are assigned, as do OpenCV's own exceptions for matrices of the
+// wrong shape; a missing P2, which no call receives, leaves projection_2 empty (the engine then
+// has no camera constants). The files' R1, R2 and P1 are not used.
 bool get_remap_mat(std::string intrinsics_path, std::string extrinsics_path, cv::Size size,
                    cv::Mat& map_1, cv::Mat& map_2, cv::Mat& map_3, cv::Mat& map_4,
                    cv::Mat& camera_matrix, cv::Mat& projection_2) {
+    namespace in = slot::intrinsics;
+    namespace ex = slot::extrinsics;
     std::vector<cv::Mat> intrinsics, extrinsics;
     const bool read_in = readYML(intrinsics_path, ZUNCV_INTRINSICS, intrinsics);
     const bool read_ex = readYML(extrinsics_path, ZUNCV_EXTRINSICS, extrinsics);
-    if (!read_in || !read_ex || !hasEntries(intrinsics, kIntrinsicsCount, {0, 1, 2, 3}) ||
-        !hasEntries(extrinsics, kExtrinsicsCount, {0, 1, 5}))
-        return false;
+    if (!read_in || !read_ex) return false;
 
-    camera_matrix = intrinsics[0];
-    projection_2 = extrinsics[5];
-    const cv::Mat &m1 = intrinsics[0], &d1 = intrinsics[1], &m2 = intrinsics[2], &d2 = intrinsics[3];
-    const cv::Mat &r = extrinsics[0], &t = extrinsics[1];
+    camera_matrix = intrinsics[in::M1];
+    projection_2 = extrinsics[ex::P2];
+    const cv::Mat &m1 = intrinsics[in::M1], &d1 = intrinsics[in::D1];
+    const cv::Mat &m2 = intrinsics[in::M2], &d2 = intrinsics[in::D2];
+    const cv::Mat &r = extrinsics[ex::R], &t = extrinsics[ex::T];
+    for (size_t slot : {in::M1, in::D1, in::M2, in::D2})
+        requireKey(intrinsics[slot], in::kKeys[slot], intrinsics_path);
+    for (size_t slot : {ex::R, ex::T}) requireKey(extrinsics[slot], ex::kKeys[slot], extrinsics_path);
     cv::Mat r1, r2, p1, p2, q;
     cv::stereoRectify(m1, d1, m2, d2, size, r, t, r1, r2, p1, p2, q, cv::CALIB_ZERO_DISPARITY, 0.0,
                       cv::Size(0, 0), nullptr, nullptr);
@@ -232,21 +242,22 @@ bool get_remap_mat(std::string intrinsics_path, std::string extrinsics_path, cv:
 
 // Fisheye stereo maps from one file whose stored rectification (R1, R2, P1, P2) is used as it
 // stands; camera_matrix and projection_2 become header copies of the file's K1 and P2.
-// Returns false, leaving every output untouched, when the file cannot be read or any of its
-// eight matrices is missing.
+// Returns false, leaving every output untouched, when the file cannot be read; a key missing from
+// a file that was read raises OpenCV's exception after outputs 5 and 6 are assigned.
 bool get_remap_mat_fisheye_file(const std::string& path, const cv::Size& size, cv::Mat& map_1,
                                 cv::Mat& map_2, cv::Mat& map_3, cv::Mat& map_4,
                                 cv::Mat& camera_matrix, cv::Mat& projection_2) {
+    using namespace slot::fisheye;
     std::vector<cv::Mat> l;
-    if (!readYML(path, ZUNCV_FISHEYE, l) || !hasEntries(l, kFisheyeCount, {0, 1, 2, 3, 4, 5, 6, 7}))
-        return false;
+    if (!readYML(path, ZUNCV_FISHEYE, l)) return false;
 
-    camera_matrix = l[0];
-    projection_2 = l[7];
+    camera_matrix = l[K1];
+    projection_2 = l[P2];
+    for (size_t slot = 0; slot < kCount; ++slot) requireKey(l[slot], kKeys[slot], path);
     MapPair left, right;
-    cv::fisheye::initUndistortRectifyMap(l[0], l[2], l[4], l[6], size, CV_16SC2, left.first,
+    cv::fisheye::initUndistortRectifyMap(l[K1], l[D1], l[R1], l[P1], size, CV_16SC2, left.first,
                                          left.second);
-    cv::fisheye::initUndistortRectifyMap(l[1], l[3], l[5], l[7], size, CV_16SC2, right.first,
+    cv::fisheye::initUndistortRectifyMap(l[K2], l[D2], l[R2], l[P2], size, CV_16SC2, right.first,
                                          right.second);
     assignMaps(left, map_1, map_2);
     assignMaps(right, map_3, map_4);
@@ -254,16 +265,18 @@ bool get_remap_mat_fisheye_file(const std::string& path, const cv::Size& size, c
 }
 
 // One-lens undistortion maps that keep the whole source field (alpha 1, black borders included).
-// Returns false, leaving the outputs untouched, when the file cannot be read or lacks either
-// matrix.
+// Returns false, leaving the outputs untouched, when the file cannot be read; a missing key
+// raises OpenCV's exception.
 bool get_monoRemap_mat(std::string path, cv::Size size, cv::Mat& map_1, cv::Mat& map_2) {
+    using namespace slot::mono;
     std::vector<cv::Mat> l;
-    if (!readYML(path, ZUNCV_MONO, l) || !hasEntries(l, kMonoCount, {0, 1})) return false;
+    if (!readYML(path, ZUNCV_MONO, l)) return false;
 
-    cv::Mat new_k = cv::getOptimalNewCameraMatrix(l[0], l[1], size, 1.0, size, nullptr, false);
+    const cv::Mat &k = l[camera_matrix], &d = l[distortion_coefficients];
+    for (size_t slot = 0; slot < kCount; ++slot) requireKey(l[slot], kKeys[slot], path);
+    cv::Mat new_k = cv::getOptimalNewCameraMatrix(k, d, size, 1.0, size, nullptr, false);
     MapPair maps;
-    cv::initUndistortRectifyMap(l[0], l[1], cv::Mat(), new_k, size, CV_16SC2, maps.first,
-                                maps.second);
+    cv::initUndistortRectifyMap(k, d, cv::Mat(), new_k, size, CV_16SC2, maps.first, maps.second);
     assignMaps(maps, map_1, map_2);
     return true;
 }

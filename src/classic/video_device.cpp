@@ -14,7 +14,7 @@
 #include <cstring>
 #include <utility>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 
 namespace {
 

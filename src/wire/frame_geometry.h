@@ -1,5 +1,4 @@
-// The one place that knows the camera's frame geometry and the inertial trailer's wire layout.
-// Shared by the library's decoder and the virtual camera's encoder.
+// The camera's frame geometry and the inertial trailer's wire layout: the one place that knows them.
 #pragma once
 
 #include <cstddef>

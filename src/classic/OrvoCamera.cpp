@@ -1,7 +1,7 @@
 // Camera facade: construction, the process-wide engine and matchers, frame capture and its getters.
 #include "OrvoCamera.h"
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 
 // One facade, one engine and one pair of matchers per process.
 StereoCamera* camera_ = nullptr;

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "frame_format.h"
+#include "frame_geometry.h"
 #include "trailer.h"
 
 namespace layout = orvo::frame;

@@ -1,4 +1,4 @@
-// Stereo engine depth path: disparity to bearing bins, bin clustering, nearest cluster, polar plot.
+// Stereo engine depth path: disparity to bearing bins, bin clustering, nearest cluster.
 #include "StereoCamera.h"
 
 #include <algorithm>
@@ -12,7 +12,11 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "disparity_ranges.h"
+
 namespace {
+
+using namespace orvo::classic;
 
 constexpr int kBinCount = 360;
 constexpr double kEmptyDepth = std::numeric_limits<double>::max();
@@ -21,96 +25,6 @@ constexpr double kClusterGap = 0.05;     // neighbouring bins closer than this a
 constexpr int32_t kMinClusterMembers = 4;
 constexpr double kStandardAngleMin = -3.141592653589793;
 constexpr double kStandardDegToRad = 0.017453292519943295;
-
-// Plot geometry: 125 pixels per unit of depth around (500, 500), marker and text settings.
-constexpr float kPlotCentre = 500.0f;
-constexpr int kMarkerSize = 5;
-const cv::Scalar kMarkerColour(0, 255, 0, 100);
-const cv::Scalar kTextColour(255, 255, 255, 0);
-const cv::Point kTextOrigin(10, 10);
-
-// Positive floats (and +inf) keep their order when their bits are read as a signed 32-bit integer;
-// zeros, negatives and NaNs fall outside [kSmallestPositive, kInfinityBits].
-constexpr int32_t kSmallestPositive = 1;
-constexpr int32_t kInfinityBits = 0x7F800000;
-
-int32_t floatBits(float f) {
-    int32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    return b;
-}
-
-float bitsFloat(int32_t b) {
-    float f;
-    std::memcpy(&f, &b, sizeof f);
-    return f;
-}
-
-// Inclusive range of positive-float bit patterns; empty when lo > hi.
-struct BitRange {
-    int32_t lo = kSmallestPositive;
-    int32_t hi = kInfinityBits;
-    bool empty() const { return lo > hi; }
-    void intersect(const BitRange& o) {
-        lo = std::max(lo, o.lo);
-        hi = std::min(hi, o.hi);
-    }
-};
-
-// The disparities d > 0 for which pred(d) holds, where pred is monotone in d (one switch at
-// most). A quotient fl(a / d) never decreases or never increases as d grows, so every test of
-// the form fl(a / d) <op> constant is such a predicate. guess is a disparity near the switch;
-// the search gallops out from it, so a good guess costs a handful of evaluations.
-template <typename Pred>
-BitRange solveMonotone(Pred pred, float guess) {
-    const bool at_lo = pred(bitsFloat(kSmallestPositive));
-    const bool at_hi = pred(bitsFloat(kInfinityBits));
-    BitRange r;
-    if (at_lo == at_hi) {
-        if (!at_lo) r.lo = kInfinityBits + 1;
-        return r;
-    }
-    // Find the first bit pattern b with pred(b) != at_lo inside (lo, hi].
-    int64_t lo = kSmallestPositive, hi = kInfinityBits;
-    int64_t g = floatBits(guess);
-    if (!(guess > 0.0f) || g > kInfinityBits) g = (lo + hi) / 2;
-    if (pred(bitsFloat(int32_t(g))) == at_lo) {
-        lo = g;
-        for (int64_t step = 1; lo + step < hi; step *= 2) {
-            if (pred(bitsFloat(int32_t(lo + step))) != at_lo) {
-                hi = lo + step;
-                break;
-            }
-            lo += step;
-        }
-    } else {
-        hi = g;
-        for (int64_t step = 1; hi - step > lo; step *= 2) {
-            if (pred(bitsFloat(int32_t(hi - step))) == at_lo) {
-                lo = hi - step;
-                break;
-            }
-            hi -= step;
-        }
-    }
-    while (hi - lo > 1) {
-        const int64_t mid = lo + (hi - lo) / 2;
-        if (pred(bitsFloat(int32_t(mid))) == at_lo)
-            lo = mid;
-        else
-            hi = mid;
-    }
-    if (at_lo)
-        r.hi = int32_t(lo);
-    else
-        r.lo = int32_t(hi);
-    return r;
-}
-
-float guessDisparity(double numerator, double bound) {
-    const double g = std::fabs(numerator / bound);
-    return (std::isfinite(g) && g < 3e38) ? float(g) : 1.0f;
-}
 
 // The engine's camera constants and the search region, as the back-projection uses them.
 struct Projection {
@@ -490,56 +404,6 @@ cv::Point3d StereoCamera::getPointMin(classfic* clusters, int last) {
             best = cv::Point3d(cluster.x, cluster.y, cluster.z);
     }
     return best;
-}
-
-namespace {
-
-// Nearest int, ties to even; out-of-range values saturate and NaN gives INT_MIN, so that any
-// range, however large or non-numeric, yields a point far off the plot instead of undefined
-// behaviour.
-int roundToInt(float v) {
-    if (!(v >= -2147483648.0f)) return INT_MIN;
-    if (v >= 2147483648.0f) return INT_MAX;
-    return int(std::nearbyint(v));
-}
-
-// A marker this far outside the image leaves no pixel in it.
-bool markerTouches(const cv::Mat& image, const cv::Point& p) {
-    const int reach = kMarkerSize;
-    return p.x >= -reach && p.y >= -reach && p.x <= image.cols + reach && p.y <= image.rows + reach;
-}
-
-}  // namespace
-
-// Pixel of a point at the given range and bearing in the polar plot: 125 pixels per unit around
-// (500, 500), forward pointing down the image. A range of exactly 0 (or one that scales to 0) is
-// the centre whatever the angle.
-cv::Point get_point(float range, float angle) {
-    const float scale = range == 0.0f ? 0.0f : range * 1000 / 4000 * 500;
-    if (scale == 0.0f) return cv::Point(int(kPlotCentre), int(kPlotCentre));
-    const float x = std::fmaf(scale, std::cos(angle), kPlotCentre);
-    const float y = std::fmaf(scale, std::sin(angle), kPlotCentre);
-    return cv::Point(roundToInt(x), roundToInt(y));
-}
-
-// Draws every filled bin as a green diamond at its depth and bearing, then the nearest depth as
-// text at the top left. The image is the caller's and is neither created nor cleared; empty bins
-// draw nothing. An empty image is refused with a message.
-void StereoCamera::draw_point_image(nerapot* bins, cv::Point3d nearest, cv::Mat& image) {
-    if (bins == nullptr || image.empty()) {
-        std::fprintf(stderr, "draw_point_image: no bins or an empty image\n");
-        return;
-    }
-    for (int b = 0; b < kBinCount; ++b) {
-        if (bins[b].min_depth == kEmptyDepth) continue;
-        const cv::Point p = get_point(float(bins[b].min_depth), float(bins[b].angle));
-        if (!markerTouches(image, p)) continue;
-        cv::drawMarker(image, p, kMarkerColour, cv::MARKER_DIAMOND, kMarkerSize, 1, 8);
-    }
-    const int length = std::snprintf(nullptr, 0, "%f", nearest.z);
-    std::string text(size_t(std::max(length, 0)), '\0');
-    std::snprintf(&text[0], text.size() + 1, "%f", nearest.z);
-    cv::putText(image, text, kTextOrigin, cv::FONT_HERSHEY_PLAIN, 1.0, kTextColour, 1, 8, false);
 }
 
 // Placeholder kept for applications that call it: touches neither argument and reports success.

@@ -52,13 +52,17 @@ inline size_t openDescriptors() {
     return n;
 }
 
-inline size_t mappings() {
+// Lines of /proc/self/maps, or only those naming `containing` (the virtual camera's buffers are
+// "/memfd:orvo-vcam" mappings).
+inline size_t mappings(const char* containing = nullptr) {
     std::ifstream maps("/proc/self/maps");
     std::string line;
     size_t n = 0;
-    while (std::getline(maps, line)) ++n;
+    while (std::getline(maps, line)) n += !containing || line.find(containing) != std::string::npos;
     return n;
 }
+
+constexpr const char* kBufferMapping = "memfd:orvo-vcam";
 
 // One line of the truth file: its key=value pairs.
 using TruthLine = std::map<std::string, std::string>;

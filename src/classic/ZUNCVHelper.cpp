@@ -15,6 +15,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "calib_layout.h"
+#include "stereo_rectify.h"
 
 namespace {
 
@@ -229,14 +230,10 @@ bool get_remap_mat(std::string intrinsics_path, std::string extrinsics_path, cv:
     for (size_t slot : {in::M1, in::D1, in::M2, in::D2})
         requireKey(intrinsics[slot], in::kKeys[slot], intrinsics_path);
     for (size_t slot : {ex::R, ex::T}) requireKey(extrinsics[slot], ex::kKeys[slot], extrinsics_path);
-    cv::Mat r1, r2, p1, p2, q;
-    cv::stereoRectify(m1, d1, m2, d2, size, r, t, r1, r2, p1, p2, q, cv::CALIB_ZERO_DISPARITY, 0.0,
-                      cv::Size(0, 0), nullptr, nullptr);
-    MapPair left, right;
-    cv::initUndistortRectifyMap(m1, d1, r1, p1, size, CV_16SC2, left.first, left.second);
-    cv::initUndistortRectifyMap(m2, d2, r2, p2, size, CV_16SC2, right.first, right.second);
-    assignMaps(left, map_1, map_2);
-    assignMaps(right, map_3, map_4);
+    orvo::shared::PinholeRectification rect;
+    orvo::shared::rectifyPinhole(m1, d1, m2, d2, r, t, size, rect);
+    assignMaps({rect.maps[0], rect.maps[1]}, map_1, map_2);
+    assignMaps({rect.maps[2], rect.maps[3]}, map_3, map_4);
     return true;
 }
 

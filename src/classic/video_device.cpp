@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "frame_geometry.h"
+#include "v4l2_io.h"
 
 namespace {
 
@@ -22,14 +23,7 @@ constexpr int kBufferSlots = sizeof(video_device::buffers) / sizeof(video_device
 
 bool isH264(unsigned int fourcc) { return fourcc == v4l2_fourcc('H', '2', '6', '4'); }
 
-v4l2_buffer mmapCaptureBuffer(unsigned int index) {
-    v4l2_buffer buf;
-    std::memset(&buf, 0, sizeof buf);
-    buf.index = index;
-    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_MMAP;
-    return buf;
-}
+v4l2_buffer mmapCaptureBuffer(unsigned int index) { return orvo::v4l2::captureBuffer(index); }
 
 }  // namespace
 
@@ -313,11 +307,7 @@ int video_device::video_enable(int dev, int on) {
 // ioctl, reissued for as long as a signal interrupts it. Returns the final result; no other error
 // is retried.
 int video_device::xioctl(int dev, unsigned long request, void* arg) {
-    int r;
-    do {
-        r = ioctl(dev, request, arg);
-    } while (r == -1 && errno == EINTR);
-    return r;
+    return orvo::v4l2::retryIoctl(dev, request, arg);
 }
 
 // Prints "<label> error <errno>, <text>" on standard output and returns: despite the name it never

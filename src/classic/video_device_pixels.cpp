@@ -44,10 +44,7 @@ int video_device::yuyv_2_lr_gray(const void* src, int size, unsigned char* first
     const size_t n = pairCount(size);
     if (n == 0 || src == nullptr || first == nullptr || second == nullptr) return 0;
     const auto* s = static_cast<const uint8_t*>(src);
-    if (orvo::yuyv::haveAvx2())
-        orvo::yuyv::splitAvx2(s, n, first, second);
-    else
-        orvo::yuyv::splitSse2(s, n, first, second);
+    orvo::yuyv::split(s, n, first, second);
     return 0;
 }
 

@@ -106,5 +106,13 @@ __attribute__((target("avx2"))) inline void evenAvx2(const uint8_t* src, size_t 
 
 inline bool haveAvx2() { return __builtin_cpu_supports("avx2"); }
 
+// The best form this processor runs.
+inline void split(const uint8_t* src, size_t n, uint8_t* even, uint8_t* odd) {
+    if (haveAvx2())
+        splitAvx2(src, n, even, odd);
+    else
+        splitSse2(src, n, even, odd);
+}
+
 }  // namespace yuyv
 }  // namespace orvo

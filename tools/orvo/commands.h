@@ -10,5 +10,6 @@ int runImu(int argc, char** argv, int first);
 int runRecord(int argc, char** argv, int first);
 int runCalibrate(int argc, char** argv, int first);
 int runCheck(int argc, char** argv, int first);
+int runList(int argc, char** argv, int first);
 
 }  // namespace orvo_tool

@@ -20,6 +20,7 @@ struct Subcommand {
 };
 
 const Subcommand kSubcommands[] = {
+    {"list", runList, "the camera nodes present, their card and bus, and whether they are busy"},
     {"info", runInfo, "the camera node's capabilities, format and frame rate; calibration check"},
     {"grab", runGrab, "save original and rectified image pairs as PNG"},
     {"depth", runDepth, "disparity images, polar plots and the nearest obstacle per frame"},

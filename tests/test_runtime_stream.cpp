@@ -1,0 +1,269 @@
+// orvo::Camera streaming: frames against the virtual camera's truth, the 32-bit wrap, unplug and
+// reconnect, several grabbing threads, close.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <orvo/orvo.hpp>
+
+#include "runtime_test_support.h"
+#include "scratch_dir.h"
+#include "trailer.h"
+
+using namespace std::chrono_literals;
+using runtime_test::kNode;
+using runtime_test::VcamEnv;
+
+namespace {
+
+constexpr double kG = 9.80665;
+constexpr double kGyroCountRadS = 1.0 / (57.3 * 16.4);  // one gyro count in rad/s, as the sensor scales it
+constexpr double kAccelCountG = 1.0 / 8192;
+
+std::vector<orvo::Frame> grabN(orvo::Camera& camera, size_t n) {
+    std::vector<orvo::Frame> frames;
+    while (frames.size() < n) {
+        auto f = camera.grab(2s);
+        if (!f) break;
+        frames.push_back(std::move(*f));
+    }
+    return frames;
+}
+
+}  // namespace
+
+// Frames, times and samples against what the virtual camera says it served.
+TEST(RuntimeStream, FramesMatchTheTruthFile) {
+    orvo_test::ScratchDir dir;
+    const std::string truth = dir.file("truth.txt");
+    std::vector<orvo::Frame> frames;
+    {
+        VcamEnv env("", "pattern", "100", truth);
+        orvo::CameraOptions opt;
+        opt.queue_depth = 64;
+        orvo::Camera camera(kNode, opt);
+        frames = grabN(camera, 20);
+    }
+    ASSERT_EQ(20u, frames.size());
+    std::map<uint64_t, runtime_test::TruthLine> served;
+    for (auto& line : runtime_test::readTruth(truth)) served[std::stoull(line["sequence"])] = line;
+
+    size_t samples = 0;
+    for (size_t k = 0; k < frames.size(); ++k) {
+        const orvo::Frame& f = frames[k];
+        SCOPED_TRACE("frame " + std::to_string(f.sequence));
+        if (k > 0) {
+            EXPECT_GT(f.sequence, frames[k - 1].sequence);
+            EXPECT_GT(f.device_time_us, frames[k - 1].device_time_us);
+            EXPECT_GT(f.host_time_ns, frames[k - 1].host_time_ns);
+        }
+        ASSERT_EQ(1u, served.count(f.sequence));
+        auto& t = served[f.sequence];
+        EXPECT_EQ(std::stoull(t["ticks"]), f.device_time_us);
+        // The driver stamped the buffer with CLOCK_MONOTONIC: that stamp, to the microsecond.
+        EXPECT_EQ(orvo::HostTimeSource::driver_monotonic, f.host_time_source);
+        const double stamp = std::stod(t["timestamp"]);
+        EXPECT_NEAR(stamp, double(f.host_time_ns) * 1e-9, 2e-6);
+
+        ASSERT_EQ(CV_8UC1, f.left.type());
+        ASSERT_EQ(cv::Size(752, 480), f.left.size());
+        ASSERT_EQ(cv::Size(752, 480), f.right.size());
+        // The pattern's right lens sees the left one's texture 12 pixels further on (the last row
+        // ends in the inertial trailer).
+        const cv::Rect right_part(0, 0, 740, 479), left_part(12, 0, 740, 479);
+        EXPECT_EQ(0, cv::norm(f.right(right_part), f.left(left_part), cv::NORM_INF));
+        EXPECT_GT(cv::norm(f.left, f.right, cv::NORM_INF), 0);
+
+        ASSERT_EQ(std::stoul(t["imu"]), f.imu.size());
+        for (size_t i = 0; i < f.imu.size(); ++i) {
+            const auto want = runtime_test::truthSample(t["imu" + std::to_string(i)]);
+            const orvo::ImuSample& s = f.imu[i];
+            EXPECT_EQ(want.ticks, s.device_time_us);
+            EXPECT_LE(s.device_time_us, f.device_time_us);
+            EXPECT_EQ(f.host_time_ns - (f.device_time_us - s.device_time_us) * 1000, s.host_time_ns);
+            for (int a = 0; a < 3; ++a) {
+                EXPECT_EQ(want.raw_gyro[a], s.gyro_raw[a]);
+                EXPECT_EQ(want.raw_accel[a], s.accel_raw[a]);
+                // Within half a count of the true rate and specific force, in SI units.
+                EXPECT_NEAR(want.gyro[a], s.gyro_rad_s[a], 0.5 * kGyroCountRadS + 1e-12);
+                EXPECT_NEAR(want.accel_g[a] * kG, s.accel_m_s2[a], 0.5 * kAccelCountG * kG + 1e-12);
+            }
+            ++samples;
+        }
+    }
+    EXPECT_GT(samples, 20u);
+}
+
+// A recording whose trailer clock crosses 2^32 microseconds: device time keeps counting up.
+TEST(RuntimeStream, DeviceTimeCrossesTheTickWrap) {
+    orvo_test::ScratchDir dir;
+    const std::string raw = dir.file("wrap.raw");
+    const uint32_t start = 0xFFFFFFFFu - 70000;  // the wrap falls between frames 2 and 3
+    constexpr uint32_t kPeriod = 33333;
+    {
+        std::ofstream out(raw, std::ios::binary);
+        std::vector<unsigned char> bytes(752 * 480 * 2, 0x80);
+        for (uint32_t k = 0; k < 6; ++k) {
+            const uint32_t ticks = start + k * kPeriod;
+            std::vector<orvo::trailer::Record> records(6);
+            for (int j = 0; j < 6; ++j) {
+                records[j].ticks = ticks - uint32_t(5000 * (5 - j));
+                records[j].gyro[2] = int16_t(100 + j);
+                records[j].accel[0] = int16_t(-j);
+            }
+            orvo::trailer::encode(bytes.data(), bytes.size(), records, ticks);
+            out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+        }
+    }
+    VcamEnv env("", "raw:" + raw, "100");
+    orvo::CameraOptions opt;
+    opt.queue_depth = 16;
+    orvo::Camera camera(kNode, opt);
+    auto frames = grabN(camera, 6);
+    ASSERT_EQ(6u, frames.size());
+    ASSERT_EQ(0u, frames[0].sequence);  // the recording's first frame
+    for (size_t k = 0; k < frames.size(); ++k) {
+        ASSERT_EQ(k, frames[k].sequence) << "frames were lost, the comparison needs all six";
+        EXPECT_EQ(uint64_t(start) + k * kPeriod, frames[k].device_time_us);
+        ASSERT_EQ(6u, frames[k].imu.size());
+        for (int j = 0; j < 6; ++j) {
+            EXPECT_EQ(frames[k].device_time_us - uint64_t(5000 * (5 - j)), frames[k].imu[j].device_time_us);
+            EXPECT_EQ(100 + j, frames[k].imu[j].gyro_raw[2]);
+            EXPECT_EQ(-j, frames[k].imu[j].accel_raw[0]);
+        }
+    }
+    EXPECT_GT(frames[5].device_time_us, uint64_t(1) << 32);
+}
+
+// The cable pulled after four frames, no reconnect: nothing stale, nothing more, and it shows.
+TEST(RuntimeStream, LostDeviceWithoutReconnectStopsHandingOutFrames) {
+    const std::pair<const char*, int> faults[] = {{"DQBUF@5=ENODEV", ENODEV}, {"DQBUF@5=EIO", EIO}};
+    for (const auto& [fault, err] : faults) {
+        SCOPED_TRACE(fault);
+        VcamEnv env(fault);
+        std::vector<orvo::CameraState> seen;
+        std::mutex seen_mutex;
+        orvo::CameraOptions opt;
+        opt.reconnect = false;
+        opt.queue_depth = 8;
+        opt.on_state_change = [&](orvo::CameraState s) {
+            std::lock_guard<std::mutex> lock(seen_mutex);
+            seen.push_back(s);
+        };
+        const size_t fds = runtime_test::openDescriptors();
+        orvo::Camera camera(kNode, opt);
+        auto frames = grabN(camera, 10);
+        EXPECT_LE(frames.size(), 4u);
+        for (size_t k = 1; k < frames.size(); ++k) EXPECT_GT(frames[k].sequence, frames[k - 1].sequence);
+        EXPECT_FALSE(camera.grab(300ms).has_value());
+        EXPECT_EQ(orvo::CameraState::disconnected, camera.state());
+        const auto stats = camera.stats();
+        EXPECT_EQ(err, stats.last_errno);
+        EXPECT_NE(stats.last_error.find("DQBUF"), std::string::npos) << stats.last_error;
+        EXPECT_GT(stats.last_error_time_ns, 0u);
+        EXPECT_EQ(0u, stats.reconnects);
+        // The lost stream gave its descriptor back at once; the camera keeps only its wake-up eventfd.
+        EXPECT_EQ(fds + 1, runtime_test::openDescriptors());
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        EXPECT_EQ(std::vector<orvo::CameraState>{orvo::CameraState::disconnected}, seen);
+    }
+}
+
+// With reconnect, the camera comes back (each new session fails again after four frames) and the
+// frames after it continue the sequence and the device time.
+TEST(RuntimeStream, ReconnectResumesWithLaterFrames) {
+    VcamEnv env("DQBUF@5=ENODEV");
+    std::vector<orvo::CameraState> seen;
+    std::mutex seen_mutex;
+    orvo::CameraOptions opt;
+    opt.queue_depth = 8;
+    opt.reconnect_backoff_max = 100ms;
+    opt.on_state_change = [&](orvo::CameraState s) {
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        seen.push_back(s);
+    };
+    orvo::Camera camera(kNode, opt);
+    std::vector<orvo::Frame> frames;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (camera.stats().reconnects < 2 && std::chrono::steady_clock::now() < deadline)
+        if (auto f = camera.grab(100ms)) frames.push_back(std::move(*f));
+    while (frames.size() < 9 && std::chrono::steady_clock::now() < deadline)
+        if (auto f = camera.grab(100ms)) frames.push_back(std::move(*f));
+    ASSERT_GE(frames.size(), 9u);
+    for (size_t k = 1; k < frames.size(); ++k) {
+        EXPECT_GT(frames[k].sequence, frames[k - 1].sequence);
+        EXPECT_GT(frames[k].device_time_us, frames[k - 1].device_time_us);
+    }
+    const auto stats = camera.stats();
+    EXPECT_GE(stats.reconnects, 2u);
+    EXPECT_EQ(ENODEV, stats.last_errno);
+    std::lock_guard<std::mutex> lock(seen_mutex);
+    ASSERT_GE(seen.size(), 3u);
+    EXPECT_EQ(orvo::CameraState::disconnected, seen[0]);
+    EXPECT_EQ(orvo::CameraState::reconnecting, seen[1]);
+    EXPECT_EQ(orvo::CameraState::streaming, seen[2]);
+}
+
+// Every frame goes to one caller, and each caller sees its frames in order.
+TEST(RuntimeStream, SeveralThreadsGetDistinctFrames) {
+    VcamEnv env("", "pattern", "200");
+    orvo::CameraOptions opt;
+    opt.queue_depth = 4;
+    orvo::Camera camera(kNode, opt);
+    constexpr int kThreads = 4;
+    std::vector<std::vector<uint64_t>> got(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 15; ++i)
+                if (auto f = camera.grab(2s)) got[t].push_back(f->sequence);
+        });
+    for (auto& th : threads) th.join();
+    std::set<uint64_t> all;
+    size_t total = 0;
+    for (const auto& g : got) {
+        for (size_t k = 1; k < g.size(); ++k) EXPECT_GT(g[k], g[k - 1]);
+        all.insert(g.begin(), g.end());
+        total += g.size();
+    }
+    EXPECT_EQ(size_t(kThreads * 15), total);
+    EXPECT_EQ(total, all.size()) << "a frame was handed out twice";
+}
+
+TEST(RuntimeStream, CloseEndsGrabsAndFreesTheNode) {
+    VcamEnv env;
+    orvo::Camera camera(kNode);
+    ASSERT_TRUE(camera.grab(2s).has_value());
+    std::atomic<bool> returned{false};
+    std::thread waiter([&] {
+        camera.grab(10s);
+        returned = true;
+    });
+    std::this_thread::sleep_for(50ms);
+    camera.close();
+    waiter.join();
+    EXPECT_TRUE(returned);
+    EXPECT_EQ(orvo::CameraState::closed, camera.state());
+    EXPECT_FALSE(camera.grab(0ms).has_value());
+    orvo::Camera again(kNode);  // the node is free for the next owner
+    EXPECT_TRUE(again.grab(2s).has_value());
+}
+
+// A frame kept by the application outlives the camera that made it.
+TEST(RuntimeStream, FramesOutliveTheirCamera) {
+    VcamEnv env;
+    std::optional<orvo::Frame> kept;
+    cv::Mat copy;
+    {
+        orvo::Camera camera(kNode);
+        kept = camera.grab(2s);
+        ASSERT_TRUE(kept.has_value());
+        copy = kept->left.clone();
+    }
+    EXPECT_EQ(0, cv::norm(copy, kept->left, cv::NORM_INF));
+}

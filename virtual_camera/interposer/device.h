@@ -12,10 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "faults.h"
-#include "frame_source.h"
-#include "truth.h"
-#include "vcam.h"
+#include <orvo/vcam/faults.hpp>
+#include <orvo/vcam/frame_source.hpp>
+#include <orvo/vcam/statistics.hpp>
+
+#include "truth_writer.h"
 
 namespace orvo {
 namespace vcam {

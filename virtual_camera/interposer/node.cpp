@@ -19,10 +19,11 @@
 #include <unordered_map>
 #include <vector>
 
+#include <orvo/vcam/statistics.hpp>
+
 #include "device.h"
 #include "real_calls.h"
 #include "requests.h"
-#include "vcam.h"
 
 namespace orvo {
 namespace vcam {

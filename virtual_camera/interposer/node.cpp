@@ -12,9 +12,9 @@
 #include <mutex>
 #include <string>
 
+#include "node_session.h"
 #include "real_calls.h"
 #include "requests.h"
-#include "session.h"
 
 namespace orvo {
 namespace vcam {

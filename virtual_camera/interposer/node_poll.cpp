@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "node.h"
+#include "node_session.h"
 #include "real_calls.h"
-#include "session.h"
 
 namespace orvo {
 namespace vcam {

@@ -1,6 +1,6 @@
 // The node's sessions: configuration from the environment, the registry of open descriptors,
 // the debug log and the statistics.
-#include "session.h"
+#include "node_session.h"
 
 #include <sys/mman.h>
 

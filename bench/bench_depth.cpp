@@ -19,7 +19,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "OrvoCamera.h"
-#include "vcam.h"
+#include <orvo/vcam/statistics.hpp>
 
 namespace {
 

@@ -19,7 +19,7 @@
 
 #include "OrvoCamera.h"
 #include "frame_geometry.h"
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <opencv2/calib3d.hpp>
 
 #include "ZUNCVHelper.h"
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 
 namespace {
 

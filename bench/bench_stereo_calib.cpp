@@ -19,7 +19,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "OrvoCamera.h"
-#include "chessboard.h"
+#include <orvo/vcam/chessboard.hpp>
 
 // No windows in a benchmark: the display calls answer at once, as an operator pressing space
 // without looking would.

@@ -16,8 +16,9 @@ install(TARGETS Orvo_Stereo_SDK Orvo_virtual_camera
 install(FILES ${PROJECT_SOURCE_DIR}/include/OrvoCamera.h ${PROJECT_SOURCE_DIR}/include/StereoCamera.h
               ${PROJECT_SOURCE_DIR}/include/video_device.h ${PROJECT_SOURCE_DIR}/include/ZUNCVHelper.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo COMPONENT development)
-file(GLOB ORVO_VCAM_HEADERS ${PROJECT_SOURCE_DIR}/virtual_camera/*.h)
-install(FILES ${ORVO_VCAM_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo/virtual_camera COMPONENT development)
+# The virtual camera's public headers only; its interposer's stay in the source tree.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/orvo/vcam/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo/vcam
+        COMPONENT development FILES_MATCHING PATTERN "*.hpp")
 
 # The programs people run: whichever of them this build defines.
 foreach(tool orvo orvo_demo)

@@ -13,7 +13,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "frame_source.h"
+#include <orvo/vcam/frame_source.hpp>
 #include "harness_support.h"
 
 using namespace orvo_fuzz;

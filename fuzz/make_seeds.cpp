@@ -13,8 +13,8 @@
 
 #include <opencv2/core.hpp>
 
-#include "frame_source.h"
-#include "rig.h"
+#include <orvo/vcam/frame_source.hpp>
+#include <orvo/vcam/rig.hpp>
 
 namespace {
 

@@ -18,7 +18,7 @@
 #include <opencv2/core.hpp>
 #include "OrvoCamera.h"
 #include "StereoCamera.h"
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 #include "run_capture.h"
 #include "scratch_dir.h"
 

@@ -6,7 +6,7 @@
 #include <set>
 #include "calib_fixture.h"
 #include "engine_test_support.h"
-#include "faults.h"
+#include <orvo/vcam/faults.hpp>
 
 using namespace engine_test;
 

@@ -4,7 +4,7 @@
 #include <opencv2/imgproc.hpp>
 #include "ZUNCVHelper.h"
 #include "engine_test_support.h"
-#include "scene.h"
+#include <orvo/vcam/scene.hpp>
 
 using namespace engine_test;
 

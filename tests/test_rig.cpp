@@ -5,7 +5,7 @@
 
 #include <opencv2/calib3d.hpp>
 
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "faults.h"
+#include <orvo/vcam/faults.hpp>
 #include "run_capture.h"
 #include "v4l2_client.h"
 

@@ -12,10 +12,10 @@
 #include "frame_geometry.h"
 #include "trailer.h"
 #include "run_capture.h"
-#include "scene.h"
+#include <orvo/vcam/frame_source.hpp>
 #include "scratch_dir.h"
 #include "v4l2_client.h"
-#include "vcam.h"
+#include <orvo/vcam/truth.hpp>
 
 namespace {
 

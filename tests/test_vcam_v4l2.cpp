@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "v4l2_client.h"
-#include "vcam.h"
+#include <orvo/vcam/statistics.hpp>
 
 using orvo_test::ScopedEnv;
 using orvo_test::V4l2Client;

@@ -1,5 +1,5 @@
 // Renders planar chessboards through the rig's true lens model and writes calibration sets.
-#include "chessboard.h"
+#include <orvo/vcam/chessboard.hpp>
 
 #include <algorithm>
 #include <cmath>

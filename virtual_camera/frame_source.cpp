@@ -1,10 +1,7 @@
 // Choice of the frame source from ORVO_VCAM_SOURCE.
-#include "frame_source.h"
+#include <orvo/vcam/frame_source.hpp>
 
 #include <cstring>
-
-#include "scene.h"
-#include "sources.h"
 
 namespace orvo {
 namespace vcam {

@@ -5,9 +5,10 @@
 #include <cstring>
 #include <vector>
 
+#include <orvo/vcam/frame_source.hpp>
+
 #include "frame_geometry.h"
 #include "trailer.h"
-#include "sources.h"
 
 namespace orvo {
 namespace vcam {

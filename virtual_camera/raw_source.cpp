@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <orvo/vcam/frame_source.hpp>
+
 #include "frame_geometry.h"
 #include "trailer.h"
-#include "real_calls.h"
-#include "sources.h"
 
 namespace orvo {
 namespace vcam {
@@ -53,32 +53,32 @@ std::unique_ptr<FrameSource> makeRawSource(const std::string& path, std::string*
         *error = "'raw:' needs a file name (raw:FILE)";
         return nullptr;
     }
-    int fd = real::open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC, 0);
     if (fd < 0) {
         *error = "'" + name + "': cannot open the file: " + std::strerror(errno);
         return nullptr;
     }
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        real::close(fd);
+        ::close(fd);
         *error = "'" + name + "': not a regular file";
         return nullptr;
     }
     size_t size = size_t(st.st_size);
     if (size == 0) {
-        real::close(fd);
+        ::close(fd);
         *error = "'" + name + "': the file is empty";
         return nullptr;
     }
     if (size % kBytes != 0) {
-        real::close(fd);
+        ::close(fd);
         *error = "'" + name + "': " + std::to_string(size) + " bytes is not a whole number of " +
                  std::to_string(kBytes) + "-byte frames";
         return nullptr;
     }
     void* data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
     int err = errno;
-    real::close(fd);
+    ::close(fd);
     if (data == MAP_FAILED) {
         *error = "'" + name + "': cannot map the file: " + std::strerror(err);
         return nullptr;

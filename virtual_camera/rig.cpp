@@ -1,5 +1,5 @@
 // Synthetic stereo rig: true lens models, their rectification, calibration files and projections.
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 
 #include <cmath>
 #include <vector>

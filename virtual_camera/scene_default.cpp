@@ -1,5 +1,5 @@
 // The default scene: a box obstacle before a textured wall on a textured floor, camera level.
-#include "scene.h"
+#include <orvo/vcam/scene.hpp>
 
 namespace orvo {
 namespace vcam {

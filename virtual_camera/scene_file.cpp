@@ -4,7 +4,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "scene.h"
+#include <orvo/vcam/scene.hpp>
 
 namespace orvo {
 namespace vcam {

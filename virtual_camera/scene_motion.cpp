@@ -4,8 +4,9 @@
 
 #include <opencv2/calib3d.hpp>
 
+#include <orvo/vcam/truth.hpp>
+
 #include "frame_geometry.h"
-#include "scene.h"
 
 namespace orvo {
 namespace vcam {

@@ -6,7 +6,7 @@
 
 #include <opencv2/calib3d.hpp>
 
-#include "scene.h"
+#include <orvo/vcam/render.hpp>
 
 namespace orvo {
 namespace vcam {

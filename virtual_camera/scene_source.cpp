@@ -8,9 +8,11 @@
 #include <mutex>
 #include <sstream>
 
+#include <orvo/vcam/frame_source.hpp>
+#include <orvo/vcam/render.hpp>
+
 #include "frame_geometry.h"
 #include "trailer.h"
-#include "scene.h"
 
 namespace orvo {
 namespace vcam {

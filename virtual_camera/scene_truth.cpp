@@ -4,7 +4,7 @@
 #include <limits>
 #include <sstream>
 
-#include "scene.h"
+#include <orvo/vcam/truth.hpp>
 
 namespace orvo {
 namespace vcam {

@@ -1,6 +1,6 @@
 // A minimal application: one frame from the virtual camera through the public facade.
 #include <OrvoCamera.h>
-#include <frame_source.h>
+#include <orvo/vcam/frame_source.hpp>
 
 #include <cstdio>
 #include <cstdlib>

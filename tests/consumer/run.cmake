@@ -31,10 +31,16 @@ if(STEP STREQUAL "install")
   file(REMOVE_RECURSE ${prefix})
   run(${CMAKE_COMMAND} --install ${SDK_BINARY} --prefix ${prefix})
   foreach(f include/orvo/OrvoCamera.h include/orvo/StereoCamera.h include/orvo/video_device.h
-            include/orvo/ZUNCVHelper.h include/orvo/virtual_camera/frame_source.h
-            include/orvo/virtual_camera/rig.h)
+            include/orvo/ZUNCVHelper.h include/orvo/vcam/frame_source.hpp include/orvo/vcam/rig.hpp
+            include/orvo/vcam/scene.hpp include/orvo/vcam/truth.hpp)
     expect_file(${f})
   endforeach()
+  # The interposer is internal: none of its headers is installed.
+  file(GLOB_RECURSE internal RELATIVE ${prefix} ${prefix}/device.h ${prefix}/real_calls.h
+       ${prefix}/include/orvo/virtual_camera/*)
+  if(internal)
+    message(FATAL_ERROR "internal headers installed: ${internal}")
+  endif()
   file(GLOB_RECURSE configs RELATIVE ${prefix} ${prefix}/*Orvo_Stereo_SDKConfig*.cmake
        ${prefix}/*.pc ${prefix}/*libOrvo_*.so)
   foreach(f Orvo_Stereo_SDKConfig.cmake Orvo_Stereo_SDKConfigVersion.cmake orvo-stereo-sdk.pc

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <string>
 
-#include "scene.h"
+#include <orvo/vcam/scene.hpp>
 
 namespace {
 

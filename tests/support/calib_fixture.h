@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "OrvoCamera.h"
-#include "chessboard.h"
+#include <orvo/vcam/chessboard.hpp>
 #include "scratch_dir.h"
 
 namespace orvo_test {

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include <calib_layout.h>
-#include <rig.h>
-#include <scene.h>
+#include <orvo/vcam/rig.hpp>
+#include <orvo/vcam/scene.hpp>
 
 namespace orvo_tool {
 

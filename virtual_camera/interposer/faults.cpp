@@ -1,5 +1,5 @@
 // Parser and lookups of the fault grammar TARGET[@N]=ACTION[:K].
-#include "faults.h"
+#include <orvo/vcam/faults.hpp>
 
 #include <cerrno>
 #include <cstring>

@@ -12,10 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "faults.h"
-#include "frame_source.h"
-#include "truth.h"
-#include "vcam.h"
+#include <orvo/vcam/faults.hpp>
+#include <orvo/vcam/frame_source.hpp>
+#include <orvo/vcam/statistics.hpp>
+
+#include "truth_writer.h"
 
 namespace orvo {
 namespace vcam {
@@ -88,6 +89,7 @@ private:
         size_t head_ = 0, size_ = 0;
     };
 
+    // Format requests (device_format.cpp).
     int querycap(v4l2_capability& cap, uint64_t call);
     int cropcap(v4l2_cropcap& cc);
     int crop(v4l2_crop& c, bool set);
@@ -98,22 +100,26 @@ private:
     int enumFrameIntervals(v4l2_frmivalenum& e);
     int getParm(v4l2_streamparm& p);
     int setParm(const OpenFile& file, v4l2_streamparm& p);
+
+    // Inputs and controls (device_controls.cpp).
     int enumInput(v4l2_input& in);
+    int getInput(int& input);
     int setInput(const OpenFile& file, int input);
+    int control(unsigned long code);
+
+    // Buffers (device_buffers.cpp).
     int reqbufs(const OpenFile& file, v4l2_requestbuffers& rb, uint64_t call);
     int querybuf(v4l2_buffer& b, uint64_t call);
+    int allocate(uint32_t count, int via_fd);
+    void freeBuffers(int release_via_fd);
+    void refreshMapped();
+    void describe(uint32_t i, v4l2_buffer& b) const;
+
+    // Streaming and pacing (device_streaming.cpp).
     int qbuf(const OpenFile& file, v4l2_buffer& b);
     int dqbuf(const OpenFile& file, v4l2_buffer& b, std::unique_lock<std::mutex>& lock);
     int streamon(const OpenFile& file, int type);
     int streamoff(const OpenFile& file, int type);
-
-    bool busy(const OpenFile& file) const { return owner_ != 0 && owner_ != file.id; }
-    void claim(const OpenFile& file) {
-        if (owner_ == 0) owner_ = file.id;
-    }
-    int allocate(uint32_t count, int via_fd);
-    void freeBuffers(int release_via_fd);
-    void refreshMapped();
     void start();
     void stop();
     bool freeRunning() const { return fps_ == 0; }
@@ -121,8 +127,12 @@ private:
     void advance(int64_t now_ns);
     void skipDueFrames(int64_t now_ns);
     void fill(uint32_t i, uint64_t index, uint32_t sequence, int64_t timestamp_ns);
-    void describe(uint32_t i, v4l2_buffer& b) const;
     void serve(uint32_t i, v4l2_buffer& b);
+
+    bool busy(const OpenFile& file) const { return owner_ != 0 && owner_ != file.id; }
+    void claim(const OpenFile& file) {
+        if (owner_ == 0) owner_ = file.id;
+    }
 
     double fps_;
     std::unique_ptr<FrameSource> source_;

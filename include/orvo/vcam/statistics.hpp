@@ -1,7 +1,6 @@
-// In-process view of the virtual camera, for programs that link it.
+// In-process view of the virtual camera's node, for programs that link it.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace orvo {
@@ -17,8 +16,6 @@ struct Statistics {
 };
 
 Statistics statistics();
-
-uint64_t frameHash(const void* data, size_t length);
 
 }  // namespace vcam
 }  // namespace orvo

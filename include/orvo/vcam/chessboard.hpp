@@ -7,7 +7,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 
 namespace orvo {
 namespace vcam {

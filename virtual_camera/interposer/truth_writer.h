@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "frame_source.h"
+#include <orvo/vcam/truth.hpp>
 
 namespace orvo {
 namespace vcam {

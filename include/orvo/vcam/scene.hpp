@@ -1,15 +1,13 @@
-// Rendered scenes for the virtual camera: the scene description, its file form, and the source.
+// A scene of the virtual camera: its description, its file form and the rig it is seen through.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
 
-#include "frame_source.h"
-#include "rig.h"
+#include <orvo/vcam/rig.hpp>
 
 namespace orvo {
 namespace vcam {
@@ -92,50 +90,12 @@ struct Scene {
     std::vector<SceneObject> objects;
 };
 
-// The nearest-point search box the truth reports on (see scene_truth.cpp).
-struct SearchBox {
-    double half_width = 0.5;
-    double height = 0.5;
-    double max_depth = 3.0;
-    double tilt = 0;
-};
-
 bool loadScene(const std::string& path, Scene& scene, std::string* error);
 bool saveScene(const std::string& path, const Scene& scene, std::string* error);
 bool writeSceneCalibration(const Scene& scene, std::string* error);
 Scene defaultScene();
 bool writeDefaultScene(const std::string& folder, std::string* error);
 std::string defaultScenePath();
-bool parseSearchBox(const std::string& text, SearchBox& box, std::string* error);
-double nearestDepthInBox(const Scene& scene, const Rig& rig, const cv::Matx33d& world_from_camera,
-                         const cv::Vec3d& camera_position, const SearchBox& box);
-
-// Poses and inertial samples of a scene's camera.
-struct ScenePose {
-    cv::Matx33d world_from_body;    // rotation of the sensor frame into the world
-    cv::Matx33d world_from_camera;  // rotation of the left lens frame (x right, y down, z forward)
-    cv::Vec3d position;             // left lens centre in the world
-};
-ScenePose scenePose(const SceneMotion& motion, double t);
-cv::Vec4d attitudeQuaternion(const cv::Matx33d& world_from_body);
-int64_t lastSampleOfFrame(const Scene& scene, int64_t frame);
-uint32_t frameTicks(const Scene& scene, int64_t frame);
-ImuTruthSample imuSample(const Scene& scene, int64_t k);
-
-// Renders both lenses' images of the scene seen from a pose (8-bit grey, rig size each).
-class SceneRenderer {
-public:
-    SceneRenderer(const Scene& scene, const Rig& rig);
-    void render(const ScenePose& pose, cv::Mat& left, cv::Mat& right) const;
-
-private:
-    struct Impl;
-    std::shared_ptr<const Impl> impl_;
-};
-
-std::unique_ptr<FrameSource> makeSceneSource(const std::string& path, std::string* error);
-std::unique_ptr<FrameSource> makeSceneSource(const Scene& scene, std::string* error);
-std::unique_ptr<FrameSource> makeDefaultSceneSource(std::string* error);
 
 }  // namespace vcam
 }  // namespace orvo

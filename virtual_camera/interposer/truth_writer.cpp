@@ -1,25 +1,13 @@
-// Writes the ground-truth lines and computes the frame hash they carry.
-#include "truth.h"
+// Writes the ground-truth lines, one per frame served.
+#include "truth_writer.h"
 
 #include <cerrno>
 #include <cstring>
 
 #include "real_calls.h"
-#include "vcam.h"
 
 namespace orvo {
 namespace vcam {
-
-// 64-bit FNV-1a of the bytes: simple enough for any test to recompute.
-uint64_t frameHash(const void* data, size_t length) {
-    const uint8_t* p = static_cast<const uint8_t*>(data);
-    uint64_t h = 0xcbf29ce484222325ull;
-    for (size_t i = 0; i < length; ++i) {
-        h ^= p[i];
-        h *= 0x100000001b3ull;
-    }
-    return h;
-}
 
 // Checks that the file can be appended to; false with a message when it cannot be. The file is
 // opened for each line, so that it holds no descriptor between frames and a reader sees every

@@ -1,0 +1,158 @@
+// poll and select over the node's descriptors and others: the node's readiness comes from its
+// device, the others' from the kernel.
+#include <poll.h>
+#include <sys/select.h>
+
+#include <chrono>
+#include <cerrno>
+#include <mutex>
+#include <vector>
+
+#include "node.h"
+#include "node_session.h"
+#include "real_calls.h"
+
+namespace orvo {
+namespace vcam {
+namespace node {
+namespace {
+
+// What poll reports for a node descriptor: readable once a dequeue would succeed, an error while
+// the queue is not streaming (there is nothing to wait for), as videobuf2 does.
+short nodeEvents(Device& device, short events) {
+    switch (device.readiness()) {
+    case Readiness::Ready: return short(events & (POLLIN | POLLRDNORM));
+    case Readiness::Error: return POLLERR;
+    default: return 0;
+    }
+}
+
+bool anyNode(Registry& reg, const pollfd* fds, nfds_t n) {
+    for (nfds_t i = 0; i < n; ++i)
+        if (fds[i].fd >= 0 && findFile(reg, fds[i].fd)) return true;
+    return false;
+}
+
+constexpr int64_t kOtherSliceNs = 10000000;  // how often other descriptors are looked at meanwhile
+
+int msUntil(int64_t when_ns, int64_t now_ns) {
+    if (when_ns <= now_ns) return 0;
+    return int((when_ns - now_ns + 999999) / 1000000);
+}
+
+// poll over node descriptors and others: the node's readiness comes from its device, the others'
+// from the kernel, looked at in short slices while the node has nothing. deadline_ns < 0 waits
+// for ever. Called with the lock held; returns poll's result (errno set on failure).
+int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nfds_t n, int64_t deadline_ns) {
+    std::vector<pollfd> others(fds, fds + n);
+    for (;;) {
+        std::shared_ptr<Device> device = reg.device;
+        int ready = 0;
+        bool any_other = false;
+        for (nfds_t i = 0; i < n; ++i) {
+            fds[i].revents = 0;
+            others[i].fd = fds[i].fd;
+            if (fds[i].fd < 0) continue;
+            if (device && findFile(reg, fds[i].fd)) {
+                fds[i].revents = nodeEvents(*device, fds[i].events);
+                ready += fds[i].revents != 0;
+                others[i].fd = -1;
+            } else {
+                any_other = true;
+            }
+        }
+        int64_t now = monotonicNs();
+        int64_t wake = deadline_ns;
+        int64_t change = device ? device->nextChangeNs() : -1;
+        if (change >= 0 && (wake < 0 || change < wake)) wake = change;
+        if (any_other) {
+            int64_t slice_end = now + kOtherSliceNs;
+            int slice = ready ? 0 : msUntil(wake >= 0 && wake < slice_end ? wake : slice_end, now);
+            lock.unlock();
+            int r = real::poll(others.data(), n, slice);
+            int error = errno;
+            lock.lock();
+            if (r < 0) {
+                errno = error;
+                return -1;
+            }
+            for (nfds_t i = 0; i < n; ++i)
+                if (others[i].fd >= 0) fds[i].revents = others[i].revents;
+            ready += r;
+        } else if (!ready) {
+            if (wake < 0) reg.wake.wait(lock);
+            else reg.wake.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wake)));
+        }
+        if (ready) return ready;
+        if (deadline_ns >= 0 && monotonicNs() >= deadline_ns) return 0;
+    }
+}
+
+}  // namespace
+
+bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result) {
+    if (t_inside || g_open_files.load() == 0 || !fds) return false;
+    Registry& reg = registry();
+    std::unique_lock<std::mutex> lock(reg.mutex);
+    if (!anyNode(reg, fds, nfds)) return false;
+    int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
+    *result = pollMixed(reg, lock, fds, nfds, deadline);
+    if (reg.log) logResult(reg, -1, "poll", *result, errno);
+    return true;
+}
+
+// select through poll: POLLERR counts as readable and writable, as the kernel's select has it.
+bool interceptSelect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout,
+                     int* result) {
+    if (t_inside || g_open_files.load() == 0 || nfds <= 0) return false;
+    if (nfds > FD_SETSIZE) nfds = FD_SETSIZE;
+    std::vector<pollfd> fds;
+    for (int fd = 0; fd < nfds; ++fd) {
+        short events = 0;
+        if (readfds && FD_ISSET(fd, readfds)) events |= POLLIN;
+        if (writefds && FD_ISSET(fd, writefds)) events |= POLLOUT;
+        if (exceptfds && FD_ISSET(fd, exceptfds)) events |= POLLPRI;
+        if (events) fds.push_back(pollfd{fd, events, 0});
+    }
+    Registry& reg = registry();
+    std::unique_lock<std::mutex> lock(reg.mutex);
+    if (!anyNode(reg, fds.data(), fds.size())) return false;
+    int64_t start = monotonicNs();
+    int64_t deadline = timeout ? start + int64_t(timeout->tv_sec) * 1000000000 + int64_t(timeout->tv_usec) * 1000 : -1;
+    int r = pollMixed(reg, lock, fds.data(), fds.size(), deadline);
+    int error = errno;
+    if (r > 0) {
+        r = 0;
+        for (const pollfd& p : fds) {
+            if (p.revents & POLLNVAL) {
+                r = -1;
+                error = EBADF;
+                break;
+            }
+        }
+    }
+    if (r >= 0) {
+        if (readfds) FD_ZERO(readfds);
+        if (writefds) FD_ZERO(writefds);
+        if (exceptfds) FD_ZERO(exceptfds);
+        for (const pollfd& p : fds) {
+            if ((p.events & POLLIN) && (p.revents & (POLLIN | POLLRDNORM | POLLHUP | POLLERR))) FD_SET(p.fd, readfds), ++r;
+            if ((p.events & POLLOUT) && (p.revents & (POLLOUT | POLLWRNORM | POLLERR))) FD_SET(p.fd, writefds), ++r;
+            if ((p.events & POLLPRI) && (p.revents & POLLPRI)) FD_SET(p.fd, exceptfds), ++r;
+        }
+        if (timeout) {
+            int64_t left = deadline - monotonicNs();
+            if (left < 0) left = 0;
+            timeout->tv_sec = time_t(left / 1000000000);
+            timeout->tv_usec = suseconds_t(left % 1000000000 / 1000);
+        }
+    }
+    if (reg.log) logResult(reg, -1, "select", r, error);
+    errno = error;
+    *result = r;
+    return true;
+}
+
+}  // namespace node
+}  // namespace vcam
+}  // namespace orvo

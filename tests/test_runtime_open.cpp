@@ -7,7 +7,7 @@
 #include <orvo/orvo.hpp>
 
 #include "runtime_test_support.h"
-#include "vcam.h"
+#include <orvo/vcam/statistics.hpp>
 
 using namespace std::chrono_literals;
 using runtime_test::kNode;

@@ -2,7 +2,6 @@
 include(CMakePackageConfigHelpers)
 
 set(ORVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvo_Stereo_SDK)
-set(ORVO_DATA_INSTALL_DIR ${CMAKE_INSTALL_DATADIR}/orvo)
 
 set_target_properties(Orvo_Stereo_SDK PROPERTIES EXPORT_NAME Stereo_SDK)
 set_target_properties(Orvo_virtual_camera PROPERTIES EXPORT_NAME virtual_camera)
@@ -31,8 +30,8 @@ foreach(tool orvo orvo_demo)
   endif()
 endforeach()
 
-if(EXISTS ${PROJECT_SOURCE_DIR}/data)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/data/ DESTINATION ${ORVO_DATA_INSTALL_DIR} COMPONENT runtime)
+if(EXISTS ${ORVO_DATA_SOURCE_DIR})
+  install(DIRECTORY ${ORVO_DATA_SOURCE_DIR}/ DESTINATION ${ORVO_DATA_INSTALL_DIR} COMPONENT runtime)
 endif()
 
 # ---- find_package(Orvo_Stereo_SDK): installed tree and build tree ----------

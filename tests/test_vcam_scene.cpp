@@ -1,5 +1,6 @@
 // The virtual camera's sources (pattern, raw:, scene:), its inertial trailer, truth file and scene files.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cmath>
@@ -545,12 +546,35 @@ TEST(SceneFile, BadScenesAreRefusedWithTheKeyThatIsWrong) {
     EXPECT_EQ(error.rfind(path + ": not a readable scene file (", 0), 0u) << error;
 }
 
+// The data folder is found beside the library with no environment; ORVO_DATA_DIR moves it, and a
+// folder without the scene makes the default source fail with the place and the variable named.
+TEST(DefaultScene, DataFolderIsFoundBesideTheLibraryOrWhereTheVariableSays) {
+    std::string error;
+    {
+        ScopedEnv env{{"ORVO_DATA_DIR", nullptr}, {"ORVO_VCAM_TRUTH_BOX", nullptr}};
+        EXPECT_NE(defaultScenePath().find("/default_scene/scene.yml"), std::string::npos);
+        EXPECT_TRUE(makeFrameSource("", &error)) << error;
+    }
+    orvo_test::ScratchDir dir;
+    ScopedEnv env{{"ORVO_DATA_DIR", dir.path().c_str()}, {"ORVO_VCAM_TRUTH_BOX", nullptr}};
+    const std::string expected = dir.path() + "/default_scene/scene.yml";
+    EXPECT_EQ(defaultScenePath(), expected);
+    EXPECT_FALSE(makeFrameSource("", &error));
+    EXPECT_EQ(error, "the default scene " + expected + " is missing (looked in ORVO_DATA_DIR=" + dir.path() +
+                         "); set ORVO_DATA_DIR to the folder that holds default_scene/scene.yml");
+    ASSERT_EQ(mkdir(dir.file("default_scene").c_str(), 0755), 0);
+    ASSERT_TRUE(writeDefaultScene(dir.file("default_scene"), &error)) << error;
+    auto source = makeFrameSource("", &error);
+    ASSERT_TRUE(source) << error;
+    EXPECT_EQ(source->describe(), "scene:" + expected);
+}
+
 TEST(DefaultScene, ShippedFilesAreWhatTheGeneratorWritesAndShowTheObstacleInTheDefaultRegion) {
     orvo_test::ScratchDir dir;
     std::string error;
     ASSERT_TRUE(writeDefaultScene(dir.path(), &error)) << error;
     const std::string shipped = std::string(ORVO_SOURCE_DIR) + "/data/default_scene/";
-    EXPECT_EQ(defaultScenePath(), shipped + "scene.yml");
+    EXPECT_EQ(readFile(defaultScenePath()), readFile(shipped + "scene.yml")) << defaultScenePath();
     for (const char* name : {"scene.yml", "intrinsics.yml", "extrinsics.yml"}) {
         EXPECT_EQ(readFile(dir.file(name)), readFile(shipped + name))
             << name << " differs from the generator's; run make_scene_files --default data/default_scene";

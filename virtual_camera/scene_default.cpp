@@ -1,10 +1,49 @@
 // The default scene: a box obstacle before a textured wall on a textured floor, camera level.
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include <orvo/vcam/frame_source.hpp>
 #include <orvo/vcam/scene.hpp>
 
 namespace orvo {
 namespace vcam {
 
 namespace {
+
+const char* const kDataDirVariable = "ORVO_DATA_DIR";
+
+// The folder of the file this code was loaded from (this library, or the program it is linked
+// into), made absolute; empty when the loader cannot say.
+std::string findOwnFolder() {
+    Dl_info info;
+    if (!dladdr(reinterpret_cast<void*>(&findOwnFolder), &info) || !info.dli_fname || !*info.dli_fname)
+        return std::string();
+    char resolved[PATH_MAX];
+    std::string file = realpath(info.dli_fname, resolved) ? resolved : info.dli_fname;
+    const size_t slash = file.rfind('/');
+    return slash == std::string::npos ? std::string(".") : file.substr(0, slash);
+}
+
+const std::string& ownFolder() {
+    static const std::string folder = findOwnFolder();
+    return folder;
+}
+
+// Asked while the library loads: the loader may have been given a relative path (LD_PRELOAD=
+// build/...), which only means something in the working folder the program started in.
+[[maybe_unused]] const bool kOwnFolderKnown = !ownFolder().empty();
+
+// The data folder: ORVO_DATA_DIR when set, otherwise the one installed with this library, found
+// from the library's own place (ORVO_DATA_FROM_LIBDIR is the relative way there, computed at build
+// time; the build tree holds a copy at the same place).
+std::string dataDir() {
+    const char* env = std::getenv(kDataDirVariable);
+    if (env && *env) return env;
+    return ownFolder() + "/" ORVO_DATA_FROM_LIBDIR;
+}
 
 SceneTexture noise(double scale, double mean, double contrast, int octaves, uint32_t seed) {
     SceneTexture t;
@@ -70,8 +109,23 @@ Scene defaultScene() {
     return s;
 }
 
-// Where the shipped default scene lies in the source tree.
-std::string defaultScenePath() { return std::string(ORVO_DATA_DIR) + "/default_scene/scene.yml"; }
+// Where the shipped default scene is looked for.
+std::string defaultScenePath() { return dataDir() + "/default_scene/scene.yml"; }
+
+// The source used when none is named: the shipped default scene. Null with a message naming the
+// place looked in and the variable that changes it when the file is not there.
+std::unique_ptr<FrameSource> makeDefaultSceneSource(std::string* error) {
+    const std::string path = defaultScenePath();
+    if (access(path.c_str(), R_OK) == 0) return makeSceneSource(path, error);
+    const char* env = std::getenv(kDataDirVariable);
+    if (error) {
+        *error = "the default scene " + path + " is missing (looked " +
+                 (env && *env ? std::string("in ") + kDataDirVariable + "=" + env
+                              : "in the data folder installed beside " + ownFolder()) +
+                 "); set " + kDataDirVariable + " to the folder that holds default_scene/scene.yml";
+    }
+    return nullptr;
+}
 
 // Writes the default scene as "scene.yml" with its calibration files "intrinsics.yml" and
 // "extrinsics.yml" into an existing folder. Returns false with a message when one cannot be written.

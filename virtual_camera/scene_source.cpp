@@ -1,5 +1,4 @@
 // The scene frame source: rendered stereo frames with the inertial trailer of the camera's motion.
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -169,14 +168,6 @@ std::unique_ptr<FrameSource> makeSceneSource(const std::string& path, std::strin
 // The source of a scene built in code (tests); null with a message as above.
 std::unique_ptr<FrameSource> makeSceneSource(const Scene& scene, std::string* error) {
     return makeSource(scene, "scene", "", error);
-}
-
-// The source used when none is named: the default scene shipped under data/, or the same scene
-// built in when that file is absent (an installed virtual camera away from the source tree).
-std::unique_ptr<FrameSource> makeDefaultSceneSource(std::string* error) {
-    const std::string path = defaultScenePath();
-    if (access(path.c_str(), R_OK) == 0) return makeSceneSource(path, error);
-    return makeSource(defaultScene(), "built-in default scene", "built-in default scene", error);
 }
 
 }  // namespace vcam

@@ -67,8 +67,8 @@ std::string mappingPerms(const void* p) {
     return "";
 }
 
-// The paths the fault matrix (the setup's refusals through the facade) cannot reach, and the
-// class's own calls. After construction each row runs a script:
+// The paths the fault matrix (the setup's refusals through the facade) and the bad-device test
+// (paths that are no camera) cannot reach, and the class's own calls. After construction each row runs a script:
 // g = get_frame (rc, then the length when it succeeded), u = unget_frame, c = is the node closed,
 // n = get_frame with each output pointer null, s = camera_v4l2_setting with too many buffers and
 // with each pointer null, r = video_reqbufs on the node, and on a second descriptor of the
@@ -77,7 +77,6 @@ TEST(Capture, ChildRuns) {
     const std::string dqbufBad = "VIDIOC_DQBUF error 9, Bad file descriptor\n";
     const std::string badArgs = "camera_v4l2_setting: bad arguments\n";
     const std::string fmtRefused = kOpened + "VIDIOC_S_FMT error 22, Invalid argument\n";
-    const std::string missing = "/nonexistent/orvo-video9", null = "/dev/null";
     struct Case {
         const char* faults;
         const char* script;
@@ -85,15 +84,6 @@ TEST(Capture, ChildRuns) {
         int status = 0;  // a row that ends the process prints no setup banner
         std::string path = kNode;
     } cases[] = {
-        {"", "",
-         cannot("open", missing, ENOENT) + cannot("identify", missing, ENOENT) +
-             cannot("open", missing, ENOENT),
-         "", "", 1, missing},
-        // The kernel answers the capability query of a non-V4L2 character device with ENOTTY.
-        {"", "",
-         "VIDIOC_QUERYCAP error 25, Inappropriate ioctl for device\n" +
-             cannot("identify", null, ENOTTY) + cannot("open", null, ENOTTY),
-         "", "", 1, null},
         // A refused capability query skips the crop request, so the third request is the format.
         {"CROPCAP=ENOTTY,ioctl@3=EIO:1", "",
          kOpened + "VIDIOC_S_FMT error 5, Input/output error\n" + cannot("open", kNode, EIO), "",

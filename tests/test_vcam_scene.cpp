@@ -38,24 +38,13 @@ void writeText(const std::string& path, const std::string& text) { std::ofstream
 
 struct Decoded { std::vector<trailer::Record> records; uint32_t frame_ticks = 0; };
 
-// The trailer as a reader sees it: 24-byte records from L-489, count in the last byte, the frame
-// time in the slot after the last record.
+// The trailer through the wire codec (pinned to hand-made bytes by test_wire): the records, then
+// the frame time in the slot after the last one.
 Decoded decodeTrailer(const uint8_t* f) {
-    const auto u32 = [](const uint8_t* p) { return uint32_t(p[0] | p[1] << 8 | p[2] << 16) | uint32_t(p[3]) << 24; };
-    const uint8_t* block = f + frame::kBytes - 489;
     Decoded d;
-    const size_t n = f[frame::kBytes - 1];
-    for (size_t i = 0; i < n && i < 20; ++i) {
-        const uint8_t* r = block + i * 24;
-        trailer::Record rec;
-        rec.ticks = u32(r);
-        for (int a = 0; a < 3; ++a) {
-            rec.gyro[a] = int16_t(r[4 + 2 * a] | r[5 + 2 * a] << 8);
-            rec.accel[a] = int16_t(r[10 + 2 * a] | r[11 + 2 * a] << 8);
-        }
-        d.records.push_back(rec);
-    }
-    if (n < 20) d.frame_ticks = u32(block + n * 24);
+    for (size_t i = 0; i < std::min<size_t>(f[frame::kBytes - 1], 20); ++i)
+        d.records.push_back(trailer::readRecord(f + frame::kBytes - 489 + i * 24));
+    trailer::frameTicks(f, frame::kBytes, &d.frame_ticks);
     return d;
 }
 

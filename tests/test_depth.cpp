@@ -143,13 +143,13 @@ TEST(GetPoint, ScaleRoundingAndSafety) {
     EXPECT_EQ(get_point(0.5f, 0.0f), cv::Point(562, 500));
     EXPECT_EQ(get_point(1.5f, 0.0f), cv::Point(688, 500));
     EXPECT_EQ(get_point(0.5f, float(M_PI)), cv::Point(438, 500));
-    // One fused multiply-add per axis: inputs (found by a search) where an unfused sum rounds elsewhere.
+    // 125 pixels a metre; each axis is the exact product plus 500 rounded once to float, then to the
+    // nearest integer: inputs (found by a search) where a product rounded on its own lands elsewhere.
     for (const cv::Vec2f& ra : {cv::Vec2f(3.80690193f, 2.26515198f), cv::Vec2f(1.20607734f, 5.84474468f),
                                cv::Vec2f(2.32477212f, 2.29945779f)}) {
-        const float s = ra[0] * 1000 / 4000 * 500, cos = std::cos(ra[1]), sin = std::sin(ra[1]);
-        const cv::Point want(int(std::nearbyint(std::fmaf(s, cos, 500.0f))), int(std::nearbyint(std::fmaf(s, sin, 500.0f))));
-        ASSERT_NE(int(std::nearbyint(s * cos + 500.0f)), want.x) << ra;
-        EXPECT_EQ(get_point(ra[0], ra[1]), want) << ra;
+        const double s = float(double(ra[0]) * 125), x = s * std::cos(ra[1]) + 500, y = s * std::sin(ra[1]) + 500;
+        ASSERT_NE(int(std::nearbyint(float(s) * std::cos(ra[1]) + 500.0f)), int(std::nearbyint(float(x)))) << ra;
+        EXPECT_EQ(get_point(ra[0], ra[1]), cv::Point(int(std::nearbyint(float(x))), int(std::nearbyint(float(y))))) << ra;
     }
     // Non-finite and huge ranges give a point far off any plot, never undefined behaviour.
     EXPECT_EQ(get_point(INFINITY, 0.3f), cv::Point(INT_MAX, INT_MAX));
@@ -172,9 +172,10 @@ TEST_F(Depth, PolarPlotPixels) {
     cv::Mat expected = cv::Mat::zeros(1000, 1000, CV_8UC3);
     cv::putText(expected, "1.500000", {10, 10}, cv::FONT_HERSHEY_PLAIN, 1.0, cv::Scalar::all(255), 1, 8);
     const cv::Point diamond[] = {{0, -2}, {1, -1}, {2, 0}, {1, 1}, {0, 2}, {-1, 1}, {-2, 0}, {-1, -1}};
-    for (const auto& f : points)
+    for (const auto& f : points)  // 125 pixels a metre from the centre, forward down the picture
         for (const cv::Point& d : diamond) {
-            const cv::Point q = get_point(float(f.depth), float(f.angle)) + d;
+            const cv::Point q = cv::Point(cvRound(500 + 125 * f.depth * std::cos(f.angle)),
+                                          cvRound(500 + 125 * f.depth * std::sin(f.angle))) + d;
             if (q.inside(cv::Rect(0, 0, 1000, 1000))) expected.at<cv::Vec3b>(q) = {0, 255, 0};
         }
     EXPECT_EQ(image.at<cv::Vec3b>(748, 500), cv::Vec3b(0, 255, 0));  // bin 270 at (500, 750)

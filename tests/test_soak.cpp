@@ -1,6 +1,6 @@
 // Soak: frames free-running through Grab, getNearestPoint and ImuRect on the virtual camera, the
-// resident set sampled every 1,000 frames (flat after warm-up), descriptors and mappings counted
-// before and after. ORVO_SOAK_FRAMES sets the length (3,000 here; scripts/soak.sh runs 100,000).
+// resident set sampled every 1,000 frames (flat after warm-up; descriptors and mappings are counted
+// by test_capture). ORVO_SOAK_FRAMES sets the length (3,000 here; scripts/soak.sh runs 100,000).
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,26 +12,8 @@ using namespace engine_test;
 
 constexpr int kSampleEvery = 1000;
 
-static long openDescriptors() {
-    namespace fs = std::filesystem;
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
-
-// Bytes (not lines, which the kernel merges) mapped from each named object; anonymous memory is the RSS's.
-static std::map<std::string, unsigned long> namedMappings() {
-    std::ifstream in("/proc/self/maps");
-    std::map<std::string, unsigned long> bytes;
-    for (std::string line; std::getline(in, line);) {
-        unsigned long lo = 0, hi = 0;
-        char name[512] = "";
-        if (std::sscanf(line.c_str(), "%lx-%lx %*s %*s %*s %*s %511[^\n]", &lo, &hi, name) == 3 && name[0] != '[')
-            bytes[name] += hi - lo;
-    }
-    return bytes;
-}
-
-TEST(Soak, FreeRunningFramesKeepMemoryDescriptorsAndMappingsFlat) {
-    // Under AddressSanitizer or Valgrind the memory figures are the tool's: only descriptors count.
+TEST(Soak, FreeRunningFramesKeepTheResidentSetFlat) {
+    // Under AddressSanitizer or Valgrind the memory figures are the tool's: only the work is checked.
     const char* no_figures = std::getenv("ORVO_SOAK_NO_MEMORY_FIGURES");
     bool figures = !(no_figures && *no_figures && *no_figures != '0');
 #if defined(__SANITIZE_ADDRESS__)
@@ -85,10 +67,7 @@ TEST(Soak, FreeRunningFramesKeepMemoryDescriptorsAndMappingsFlat) {
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), samples, found);
         orvo_test::captureOutput([&] { camera.reset(); });
     };
-    // A warm-up life brings up what stays for the process (OpenCV's pool), so the counts see one life's rest.
-    live(50);
-    const long fds_before = openDescriptors();
-    const auto maps_before = namedMappings();
+    live(50);  // a warm-up life brings up what stays for the process (OpenCV's pool)
     live(frames);
 
     EXPECT_EQ(rectified, frames);
@@ -97,16 +76,7 @@ TEST(Soak, FreeRunningFramesKeepMemoryDescriptorsAndMappingsFlat) {
     // After 500 steps the filter hands out a unit quaternion, before that zeros.
     const float norm = q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3];
     EXPECT_TRUE(samples > 500 ? std::fabs(norm - 1.0f) < 1e-3f : norm == 0.0f) << norm;
-    EXPECT_EQ(openDescriptors(), fds_before);
     if (!figures) return;
-
-    // The six frame-buffer mappings outlive the device by design (they are unmapped with the length
-    // the driver reported before any frame, 0, which the kernel refuses); nothing else does.
-    const std::string buffers = "/memfd:orvo-vcam (deleted)";
-    auto maps_after = namedMappings();
-    EXPECT_EQ(maps_after[buffers] - maps_before.at(buffers), 6ul * 724992);
-    maps_after[buffers] = maps_before.at(buffers);
-    EXPECT_EQ(maps_after, maps_before);
 
     // After the first sample (warm-up) the resident set neither drifts nor wanders.
     const std::vector<long> settled(rss_kib.begin() + 1, rss_kib.end());

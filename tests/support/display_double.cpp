@@ -1,9 +1,5 @@
-// Recording stand-ins for cv::imshow and cv::waitKey, with an optional pass-through to highgui.
+// Recording stand-ins for cv::imshow and cv::waitKey.
 #include "display_double.h"
-
-#include <dlfcn.h>
-
-#include <stdexcept>
 
 namespace orvo_test {
 
@@ -25,16 +21,6 @@ std::vector<cv::Mat> DisplayDouble::images(const std::string& window) const {
     return out;
 }
 
-namespace {
-
-template <typename Fn>
-Fn realHighgui(const char* mangled) {
-    void* f = dlsym(RTLD_NEXT, mangled);
-    if (!f) throw std::runtime_error(std::string("highgui symbol not found: ") + mangled);
-    return reinterpret_cast<Fn>(f);
-}
-
-}  // namespace
 }  // namespace orvo_test
 
 namespace cv {
@@ -45,13 +31,6 @@ __attribute__((visibility("default"))) void imshow(const String& winname, InputA
     const Size size = mat.size();
     CV_Assert(size.width > 0 && size.height > 0);
     d.shown.push_back({winname, mat.getMat().clone()});
-    if (d.passthrough) {
-        using Fn = void (*)(const String&, InputArray);
-        static Fn real = orvo_test::realHighgui<Fn>(
-            "_ZN2cv6imshowERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKNS_11_"
-            "InputArrayE");
-        real(winname, mat);
-    }
 }
 
 __attribute__((visibility("default"))) int waitKey(int delay) {
@@ -59,12 +38,7 @@ __attribute__((visibility("default"))) int waitKey(int delay) {
     d.waits.push_back(delay);
     d.waited.push_back(d.shown.empty() ? std::string() : d.shown.back().window);
     if (d.on_wait) d.on_wait();
-    if (d.passthrough) {
-        using Fn = int (*)(int);
-        static Fn real = orvo_test::realHighgui<Fn>("_ZN2cv7waitKeyEi");
-        return real(delay);
-    }
-    if (d.keys.empty()) return d.default_key;
+    if (d.keys.empty()) return ' ';
     const int key = d.keys.front();
     d.keys.pop_front();
     return key;

@@ -21,9 +21,7 @@ struct DisplayDouble {
     std::vector<Shown> shown;
     std::vector<int> waits;           // delay argument of every waitKey call
     std::vector<std::string> waited;  // window last shown at every waitKey call
-    std::deque<int> keys;             // answers of the next waitKey calls
-    int default_key = ' ';            // answer once the script is used up
-    bool passthrough = false;         // also call the real highgui (keys then come from it)
+    std::deque<int> keys;             // answers of the next waitKey calls (then a space)
     std::function<void()> on_wait;    // runs at every waitKey call, before it answers
 
     void reset() { *this = DisplayDouble(); }

@@ -43,33 +43,22 @@ int tempFile() {
 
 Captured captureOutput(const std::function<void()>& fn) {
     flushAll();
-    int out = tempFile(), err = tempFile();
-    int saved_out = dup(1), saved_err = dup(2);
-    dup2(out, 1);
-    dup2(err, 2);
+    struct Redirect {  // undone also when fn throws
+        int out = tempFile(), err = tempFile(), saved_out = dup(1), saved_err = dup(2);
+        Redirect() { dup2(out, 1), dup2(err, 2); }
+        ~Redirect() {
+            flushAll();
+            dup2(saved_out, 1), dup2(saved_err, 2);
+            for (int fd : {out, err, saved_out, saved_err}) close(fd);
+        }
+    };
     Captured c;
-    try {
-        fn();
-    } catch (...) {
-        flushAll();
-        dup2(saved_out, 1);
-        dup2(saved_err, 2);
-        close(saved_out);
-        close(saved_err);
-        close(out);
-        close(err);
-        throw;
-    }
+    const Redirect r;
+    fn();
     flushAll();
-    dup2(saved_out, 1);
-    dup2(saved_err, 2);
-    close(saved_out);
-    close(saved_err);
-    c.out = slurp(out);
-    c.err = slurp(err);
+    c.out = slurp(r.out);
+    c.err = slurp(r.err);
     c.exit_status = 0;
-    close(out);
-    close(err);
     return c;
 }
 

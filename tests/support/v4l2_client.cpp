@@ -27,7 +27,7 @@ ScopedEnv::~ScopedEnv() {
     }
 }
 
-v4l2_buffer captureBuffer(uint32_t index) {
+static v4l2_buffer captureBuffer(uint32_t index = 0) {
     v4l2_buffer b;
     std::memset(&b, 0, sizeof b);
     b.index = index;
@@ -38,7 +38,6 @@ v4l2_buffer captureBuffer(uint32_t index) {
 
 V4l2Client::V4l2Client(const char* path, int flags) {
     fd_ = ::open(path, flags);
-    if (fd_ < 0) open_error_ = errno;
 }
 
 V4l2Client::~V4l2Client() {

@@ -31,7 +31,6 @@ public:
     V4l2Client& operator=(const V4l2Client&) = delete;
 
     int fd() const { return fd_; }
-    int openError() const { return open_error_; }
 
     // Each returns 0 or the errno of the failed request.
     int call(unsigned long request, void* arg);
@@ -48,18 +47,14 @@ public:
     // The usual start: format, `count` buffers mapped and queued, streaming.
     int start(uint32_t count = 6);
 
-    uint32_t granted() const { return uint32_t(maps_.size()); }
     const uint8_t* data(uint32_t index) const { return static_cast<const uint8_t*>(maps_[index]); }
     void unmapAll();
     int close();  // 0 or errno; the descriptor is forgotten either way
 
 private:
     int fd_ = -1;
-    int open_error_ = 0;
     std::vector<void*> maps_;
     std::vector<uint32_t> lengths_;
 };
-
-v4l2_buffer captureBuffer(uint32_t index = 0);
 
 }  // namespace orvo_test

@@ -50,9 +50,7 @@ TEST(Attitude, KnownRotationsAndTiltsGiveTheirAxisAndSign) {
     const float t = 0.3f;
     const struct { const char* what; int steps; cv::Vec3f gyro, accel; cv::Vec4d want; double tol; } cases[] = {
         {"+z turn", 100, {0, 0, 1}, {0, 0, 1}, {std::cos(0.25), 0, 0, std::sin(0.25)}, 2e-4},
-        {"-z turn", 100, {0, 0, -1}, {0, 0, 1}, {std::cos(0.25), 0, 0, -std::sin(0.25)}, 2e-4},
         {"+x rate held by gravity", 100, {1, 0, 0}, {0, 0, 1}, {std::cos(0.05), std::sin(0.05), 0, 0}, 6e-3},
-        {"+y rate held by gravity", 100, {0, 1, 0}, {0, 0, 1}, {std::cos(0.05), 0, std::sin(0.05), 0}, 6e-3},
         {"tilted about x", 501, {0, 0, 0}, {0, std::sin(t), std::cos(t)}, {std::cos(t / 2), std::sin(t / 2), 0, 0}, 6e-3},
         {"tilted about y", 501, {0, 0, 0}, {-std::sin(t), 0, std::cos(t)}, {std::cos(t / 2), 0, std::sin(t / 2), 0}, 6e-3},
     };

@@ -51,13 +51,10 @@ TEST(ToolArguments, OptionFormsHelpAndBadCommandLines) {
         {[] { parse({"--frames="}); }, "--frames needs a non-empty value (N)"},
         {[] { parse({"--quiet=yes"}); }, "--quiet takes no value"},
         {[] { parse({"--frames", "3x"}).positiveInt("frames", 1); }, "--frames: expected a positive integer, got '3x'"},
-        {[] { parse({"--frames", "99999999999"}).positiveInt("frames", 1); },
-         "--frames: expected a positive integer, got '99999999999'"},
         {[] { parse({"--frames", "-1"}).count("frames", 0); }, "--frames: expected an integer of at least 0, got '-1'"},
         {[] { parse({"--tilt", "nan"}).number("tilt", 0); }, "--tilt: expected a number, got 'nan'"},
         {[] { parse({"--tilt", "0"}).positiveNumber("tilt", 1); }, "--tilt: expected a number above 0, got '0'"},
         {[&] { parseSize("board", "0x6", w, h); }, "--board: expected WIDTHxHEIGHT such as 9x6, got '0x6'"},
-        {[&] { parseSize("board", "9x", w, h); }, "--board: expected WIDTHxHEIGHT such as 9x6, got '9x'"},
     };
     for (const auto& c : cases) {
         std::string what = "(accepted)";

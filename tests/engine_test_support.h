@@ -21,6 +21,7 @@
 #include <orvo/vcam/rig.hpp>
 #include "run_capture.h"
 #include "scratch_dir.h"
+#include "v4l2_client.h"
 
 namespace engine_test {
 
@@ -34,18 +35,9 @@ using Frame = std::vector<uint8_t>;
 using TempDir = orvo_test::ScratchDir;
 
 // Points the virtual camera (free-running) at a frame source for cameras opened in its lifetime.
-class VirtualCamera {
-public:
-    explicit VirtualCamera(const std::string& source, const std::string& faults = "") {
-        setenv("ORVO_VCAM_DEVICE", device(), 1);
-        setenv("ORVO_VCAM_FPS", "0", 1);
-        setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
-        unsetenv("ORVO_VCAM_FAULTS");
-        if (!faults.empty()) setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
-    }
-    ~VirtualCamera() {
-        for (const char* v : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_FAULTS", "ORVO_VCAM_FPS"}) unsetenv(v);
-    }
+struct VirtualCamera : orvo_test::VirtualNode {
+    explicit VirtualCamera(const std::string& source, const std::string& faults = "")
+        : VirtualNode(device(), source.c_str(), faults.empty() ? nullptr : faults.c_str()) {}
     static const char* device() { return "/dev/video-virtual-engine"; }
 };
 

@@ -16,6 +16,7 @@
 
 #include "frame_geometry.h"
 #include "run_capture.h"
+#include "v4l2_client.h"
 #include "video_device.h"
 
 namespace {
@@ -32,14 +33,6 @@ const std::string kDeadTeardown =
 std::string cannot(const char* what, const std::string& path, int e) {
     return std::string("Cannot ") + what + " '" + path + "': " + std::to_string(e) + ", " +
            std::strerror(e) + "\n";
-}
-
-// The cheap test pattern keeps the renderer's threads and caches out of descriptor/mapping counts.
-void useVcam(const std::string& faults, const std::string& source = "pattern") {
-    setenv("ORVO_VCAM_DEVICE", kNode.c_str(), 1);
-    setenv("ORVO_VCAM_FAULTS", faults.c_str(), 1);
-    setenv("ORVO_VCAM_FPS", "0", 1);
-    setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
 }
 
 int countOpenFds() {
@@ -119,7 +112,8 @@ TEST(Capture, ChildRuns) {
         SCOPED_TRACE(std::string(c.faults) + " " + c.script);
         // The child's facts follow the library's output as "#key=value ...", written after it.
         orvo_test::Captured run = orvo_test::runInChild([&] {
-            useVcam(c.faults);
+            // The cheap test pattern keeps the renderer's threads and caches out of the counts.
+            const orvo_test::VirtualNode vcam(kNode.c_str(), "pattern", c.faults);
             std::string facts;
             auto r = [&](const char* key, long v) {
                 facts += key + ("=" + std::to_string(v)) + " ";
@@ -193,7 +187,7 @@ TEST(CaptureStream, HandsOutTheMappedBuffersInOrderAndLeaksNothing) {
 
     const int fdsBefore = countOpenFds();
     const size_t mapsBefore = mappings().size();
-    useVcam("", std::string("raw:") + path);
+    const orvo_test::VirtualNode vcam(kNode.c_str(), ("raw:" + std::string(path)).c_str());
     std::unique_ptr<video_device> dev;
     orvo_test::Captured c = orvo_test::captureOutput(
         [&] { dev.reset(new video_device(kNode, orvo::frame::kWidth, orvo::frame::kHeight)); });

@@ -19,6 +19,7 @@
 #include "OrvoCamera.h"
 #include "run_capture.h"
 #include "scratch_dir.h"
+#include "v4l2_client.h"
 
 namespace {
 
@@ -43,10 +44,7 @@ bool sameBits(const std::vector<nerapot>& a, const std::vector<nerapot>& b) {
 class Depth : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        setenv("ORVO_VCAM_DEVICE", "/dev/video-virtual-depth", 1);
-        setenv("ORVO_VCAM_SOURCE", "pattern", 1);
-        setenv("ORVO_VCAM_FPS", "0", 1);
-        unsetenv("ORVO_VCAM_FAULTS");
+        const orvo_test::VirtualNode vcam("/dev/video-virtual-depth");
         DeviceParameter p{};
         std::tie(p.video_path, p.width, p.height) = std::make_tuple("/dev/video-virtual-depth", 752, 480);
         engine_ = new StereoCamera(p);
@@ -204,10 +202,8 @@ TEST(DepthScene, FacadeFindsTheObstacleLevelAndTilted) {
         const winpar region{0.5, 0.5, 3.0, tilt};
         const orvo_test::ScratchDir dir;
         const std::string truth_path = dir.file("truth.txt"), box = "0.5,0.5,3," + std::to_string(tilt);
-        for (const auto& kv : {std::make_pair("ORVO_VCAM_DEVICE", "/dev/video-virtual-depth-scene"),
-                               {"ORVO_VCAM_SOURCE", ""}, {"ORVO_VCAM_FPS", "0"}, {"ORVO_VCAM_TRUTH", truth_path.c_str()},
-                               {"ORVO_VCAM_TRUTH_BOX", box.c_str()}, {"ORVO_VCAM_FAULTS", ""}})
-            setenv(kv.first, kv.second, 1);
+        const orvo_test::VirtualNode vcam("/dev/video-virtual-depth-scene", "");  // the default scene
+        const orvo_test::ScopedEnv truth_env{{"ORVO_VCAM_TRUTH", truth_path.c_str()}, {"ORVO_VCAM_TRUTH_BOX", box.c_str()}};
         OrvoCameraParameterList list;
         std::tie(list.device_path, list.intrinsics_file, list.extrinsics_file) = std::make_tuple(
             "/dev/video-virtual-depth-scene", kScene + "intrinsics.yml", kScene + "extrinsics.yml");
@@ -247,8 +243,6 @@ TEST(DepthScene, FacadeFindsTheObstacleLevelAndTilted) {
         EXPECT_TRUE(nearest.x > -0.15 && nearest.x < 0.35 && nearest.y < 0 && (tilt != 0 || nearest.y > -0.35)) << nearest;
         orvo_test::captureOutput([&] { cam.reset(); });
     }
-    unsetenv("ORVO_VCAM_TRUTH");
-    unsetenv("ORVO_VCAM_TRUTH_BOX");
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include "v4l2_client.h"
 
 using orvo::vcam::FaultPlan;
-using orvo_test::ScopedEnv;
 using orvo_test::V4l2Client;
 
 namespace {
@@ -51,9 +50,7 @@ TEST(VcamFaultGrammar, ParsesEveryFormAndNamesEachBadEntry) {
 // Calls are counted from the start of each session; a malformed entry is reported once per session
 // on stderr, and the rest still apply.
 TEST(VcamFaults, CallsAreCountedPerSessionAndABadEntryIsReportedOnce) {
-    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode},  {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "0"},
-                  {"ORVO_VCAM_TRUTH", nullptr}, {"ORVO_VCAM_FAULTS", nullptr},   {"ORVO_VCAM_LOG", nullptr}};
-    ScopedEnv faults{{"ORVO_VCAM_FAULTS", "DQBUF@3=EIO,ioctl=EINTR:3,G_PARM@2=EIO,DQBUF@x=EIO"}};
+    const orvo_test::VirtualNode env(kNode, "pattern", "DQBUF@3=EIO,ioctl=EINTR:3,G_PARM@2=EIO,DQBUF@x=EIO");
     for (int session = 0; session < 2; ++session) {
         SCOPED_TRACE(session);
         std::unique_ptr<V4l2Client> c;

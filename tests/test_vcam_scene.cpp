@@ -87,8 +87,7 @@ TEST(VcamNode, RefusesToOpenOnBadSettingsSayingWhy) {
         {"ORVO_VCAM_TRUTH", "/nonexistent/truth.txt",
          "cannot open '/nonexistent/truth.txt' for appending: No such file or directory"},
     };
-    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", nullptr},
-                  {"ORVO_VCAM_TRUTH", nullptr}, {"ORVO_VCAM_FAULTS", nullptr}};
+    const orvo_test::VirtualNode env(kNode);
     for (const auto& c : cases) {  // the node refuses to open, and says why on stderr
         SCOPED_TRACE(c.value);
         ScopedEnv bad{{c.variable, c.value.c_str()}};
@@ -248,8 +247,7 @@ cv::Vec4d filteredAttitude(const Scene& scene, int steps) {
     std::string error;
     EXPECT_TRUE(saveScene(dir.file("imu.yml"), scene, &error)) << error;
     const std::string source = "scene:" + dir.file("imu.yml");
-    ScopedEnv env{{"ORVO_VCAM_DEVICE", kNode}, {"ORVO_VCAM_FPS", "0"}, {"ORVO_VCAM_SOURCE", source.c_str()},
-                  {"ORVO_VCAM_FAULTS", nullptr}};
+    const orvo_test::VirtualNode env(kNode, source.c_str());
     OrvoCameraParameterList p;
     p.device_path = kNode;
     OrvoCamera camera(p);

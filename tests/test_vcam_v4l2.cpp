@@ -21,8 +21,7 @@ constexpr uint32_t kStride = 724992;  // a frame rounded up to whole 4 KiB pages
 
 class VcamV4l2 : public ::testing::Test {
   protected:
-    ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode},  {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "0"},
-                   {"ORVO_VCAM_TRUTH", nullptr}, {"ORVO_VCAM_FAULTS", nullptr},   {"ORVO_VCAM_LOG", nullptr}};
+    orvo_test::VirtualNode env_{kNode};
 };
 
 int64_t timestampUs(const v4l2_buffer& b) { return int64_t(b.timestamp.tv_sec) * 1000000 + b.timestamp.tv_usec; }

@@ -33,12 +33,14 @@ int main() {
     rb.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     rb.memory = V4L2_MEMORY_MMAP;
     CHECK(ioctl(fd, VIDIOC_REQBUFS, &rb) == 0 && rb.count == 2);
-    for (unsigned i = 0; i < 2; ++i) {
+    const auto buffer = [&](unsigned index) {
         v4l2_buffer b;
         std::memset(&b, 0, sizeof b);
-        b.index = i;
-        b.type = rb.type;
-        b.memory = rb.memory;
+        b.index = index, b.type = rb.type, b.memory = rb.memory;
+        return b;
+    };
+    for (unsigned i = 0; i < 2; ++i) {
+        v4l2_buffer b = buffer(i);
         CHECK(ioctl(fd, VIDIOC_QUERYBUF, &b) == 0);
         CHECK(mmap(nullptr, b.length, PROT_READ, MAP_SHARED, fd, b.m.offset) != MAP_FAILED);
         CHECK(ioctl(fd, VIDIOC_QBUF, &b) == 0);
@@ -46,10 +48,7 @@ int main() {
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     CHECK(ioctl(fd, VIDIOC_STREAMON, &type) == 0);
     for (unsigned k = 0; k < 5; ++k) {
-        v4l2_buffer b;
-        std::memset(&b, 0, sizeof b);
-        b.type = rb.type;
-        b.memory = rb.memory;
+        v4l2_buffer b = buffer(0);
         CHECK(ioctl(fd, VIDIOC_DQBUF, &b) == 0 && b.sequence == k && b.bytesused == 721920);
         CHECK(ioctl(fd, VIDIOC_QBUF, &b) == 0);
     }

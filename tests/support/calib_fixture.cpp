@@ -12,6 +12,8 @@
 
 #include <opencv2/core/utils/logger.hpp>
 
+#include "v4l2_client.h"
+
 namespace orvo_test {
 
 ScopedCwd::ScopedCwd(const std::string& dir) {
@@ -52,10 +54,7 @@ void silenceOpenCvLog() {
 OrvoCamera& calibrationCamera() {
     static OrvoCamera* camera = [] {
         const char* node = "/dev/video-orvo-calib";
-        setenv("ORVO_VCAM_DEVICE", node, 1);
-        setenv("ORVO_VCAM_SOURCE", "pattern", 1);
-        setenv("ORVO_VCAM_FPS", "0", 1);
-        unsetenv("ORVO_VCAM_FAULTS");
+        new VirtualNode(node);  // kept for the children the calibration tests fork
         OrvoCameraParameterList list;
         list.device_path = node;
         return new OrvoCamera(list);

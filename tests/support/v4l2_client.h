@@ -23,6 +23,15 @@ private:
     std::vector<std::pair<std::string, std::pair<bool, std::string>>> saved_;
 };
 
+// The virtual camera at `device`, free-running from `source`, with `faults` (none when null), no
+// truth file and no log.
+struct VirtualNode : ScopedEnv {
+    explicit VirtualNode(const char* device, const char* source = "pattern", const char* faults = nullptr)
+        : ScopedEnv{{"ORVO_VCAM_DEVICE", device},   {"ORVO_VCAM_SOURCE", source},     {"ORVO_VCAM_FPS", "0"},
+                    {"ORVO_VCAM_FAULTS", faults},   {"ORVO_VCAM_TRUTH", nullptr},     {"ORVO_VCAM_TRUTH_BOX", nullptr},
+                    {"ORVO_VCAM_LOG", nullptr}} {}
+};
+
 class V4l2Client {
 public:
     explicit V4l2Client(const char* path, int flags = O_RDWR);

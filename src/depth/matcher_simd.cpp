@@ -1,0 +1,508 @@
+// The vectorised matcher: census, costs, aggregation in two opposite passes and WTA (Highway).
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "depth/matcher_simd.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
+#include <hwy/highway.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "depth/matcher_internal.h"
+
+#ifndef ORVO_DEPTH_MATCHER_SIMD_TYPES
+#define ORVO_DEPTH_MATCHER_SIMD_TYPES
+namespace orvo {
+namespace depth {
+
+// One aggregation block per pixel: guard lanes around the ndisp data lanes, so that the kernel
+// reads L(k-1) and L(k+1) with plain unaligned loads.
+constexpr int kGuardLanes = 8;
+constexpr uint16_t kGuard = 0xFFFF;
+
+struct CensusJob {
+    const cv::Mat* padded;  // the image with its edge replicated around it
+    int width, height, win_w, win_h;
+    bool mirrored;          // the image is flipped left-right: negate the window's dx
+    uint8_t* planes;        // byte b of the code of (x, y) at planes[b * plane_size + y * stride + x]
+    size_t plane_size, stride;
+};
+
+// Everything one aggregation pass keeps from row to row.
+struct PassState {
+    int dir = 1;  // +1: rows top to bottom, x left to right; -1: the opposite
+    bool has_prev = false;
+    int cur = 0;
+    std::vector<uint16_t> rows[3][2];     // straight, from x-1, from x+1: previous and current row
+    std::vector<uint16_t> mins[3][2];
+    std::vector<uint16_t> horiz[4];       // the horizontal paths' last two pixels each
+    std::vector<uint16_t> zero;           // the predecessor of a pixel that starts a path
+    std::vector<uint16_t> total;          // one pixel's summed costs
+};
+
+struct PassArgs {
+    const Problem* pb;
+    const uint8_t* left_planes;   // census byte planes of the left image
+    const uint8_t* right_planes;  // of the flipped right image, shifted by right_offset columns
+    size_t plane_size, stride, right_offset;
+    uint16_t* sums;               // height x width x ndisp: the first pass over a row leaves its sum
+    uint8_t* costs;               // height x width x ndisp: the first pass over a row leaves its costs
+    Winners* out;
+};
+
+}  // namespace depth
+}  // namespace orvo
+#endif
+
+HWY_BEFORE_NAMESPACE();
+namespace orvo {
+namespace depth {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+void CensusRows(const CensusJob& job, int y0, int y1) {
+    const hn::ScalableTag<uint8_t> d8;
+    const int n = static_cast<int>(hn::Lanes(d8));
+    const int hw = job.win_w / 2, hh = job.win_h / 2, bits = job.win_w * job.win_h - 1;
+    for (int y = y0; y < y1; ++y) {
+        for (int x = 0; x < job.width; x += n) {
+            const auto centre = hn::LoadU(d8, job.padded->ptr<uint8_t>(y + hh) + hw + x);
+            int i = 0;
+            for (int b = 0; i < bits; ++b) {
+                auto acc = hn::Zero(d8);
+                for (int bit = 0; bit < 8 && i < bits; ++bit, ++i) {
+                    int off = i < (bits / 2) ? i : i + 1;  // skip the centre
+                    const int dy = off / job.win_w - hh;
+                    const int dx = (off % job.win_w - hw) * (job.mirrored ? -1 : 1);
+                    const auto nb = hn::LoadU(d8, job.padded->ptr<uint8_t>(y + hh + dy) + hw + x + dx);
+                    acc = hn::Or(acc, hn::IfThenElseZero(hn::Lt(nb, centre),
+                                                         hn::Set(d8, static_cast<uint8_t>(1u << bit))));
+                }
+                hn::StoreU(acc, d8, job.planes + b * job.plane_size + y * job.stride + x);
+            }
+        }
+    }
+}
+
+// C(x, k) for one row: popcount of the XOR of the codes, byte plane by byte plane (nibble table).
+// The flipped right row puts the candidates k of pixel x side by side, at column
+// width-1-x+min_disp+k.
+template <class D8>
+void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* cost) {
+    const Problem& pb = *a.pb;
+    const int w = pb.width, nd = pb.ndisp, nb = pb.census_bytes();
+    const int n = static_cast<int>(hn::Lanes(d8));
+    alignas(16) static constexpr uint8_t kBits[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
+    const auto table = hn::LoadDup128(d8, kBits);
+    const auto low = hn::Set(d8, uint8_t{0x0F});
+    const uint8_t* lrow = a.left_planes + y * a.stride;
+    const uint8_t* rrow = a.right_planes + y * a.stride + a.right_offset;
+    for (int x = 0; x < w; ++x) {
+        const uint8_t* r = rrow + (w - 1 - x + pb.min_disp);
+        for (int k = 0; k < nd; k += n) {
+            auto acc = hn::Zero(d8);
+            for (int b = 0; b < nb; ++b) {
+                const auto l = hn::Set(d8, lrow[b * a.plane_size + x]);
+                const auto v = hn::Xor(l, hn::LoadU(d8, r + b * a.plane_size + k));
+                acc = hn::Add(acc, hn::Add(hn::TableLookupBytes(table, hn::And(v, low)),
+                                           hn::TableLookupBytes(table, hn::ShiftRight<4>(v))));
+            }
+            hn::StoreU(acc, d8, cost + x * nd + k);
+        }
+    }
+    // Candidates whose right pixel leaves the image.
+    const int xlo = pb.first_valid_x(), xhi = pb.last_valid_x();
+    for (int x = 0; x < w; ++x) {
+        if (x >= xlo && x <= xhi) {
+            x = xhi;
+            continue;
+        }
+        for (int k = 0; k < nd; ++k) {
+            const int xr = x - pb.min_disp - k;
+            if (xr < 0 || xr >= w) cost[x * nd + k] = static_cast<uint8_t>(pb.outside_cost());
+        }
+    }
+}
+
+// One path step for a chunk of candidates: L = C + min(P, min(P(k-1), P(k+1)) + P1, m + P2) - m.
+template <class D>
+HWY_INLINE hn::Vec<D> Step(D d, hn::Vec<D> c, const uint16_t* pred, hn::Vec<D> m, hn::Vec<D> p1,
+                           hn::Vec<D> mp2) {
+    const auto same = hn::LoadU(d, pred);
+    const auto near = hn::SaturatedAdd(hn::Min(hn::LoadU(d, pred - 1), hn::LoadU(d, pred + 1)), p1);
+    return hn::Add(c, hn::Sub(hn::Min(hn::Min(same, near), mp2), m));
+}
+
+// Both horizontal paths of a row, added into its sums: the left-to-right and the right-to-left
+// chains are independent, so one loop runs them side by side.
+template <class D>
+void HorizontalPaths(D d, const Problem& pb, PassState& st, const uint8_t* costs, uint16_t* sums) {
+    const int w = pb.width, nd = pb.ndisp;
+    const int n = static_cast<int>(hn::Lanes(d));
+    const hn::Rebind<uint8_t, D> d8h;
+    const auto p1 = hn::Set(d, static_cast<uint16_t>(pb.p1));
+    const auto p2 = hn::Set(d, static_cast<uint16_t>(pb.p2));
+    const auto inf = hn::Set(d, kGuard);
+    const uint16_t* pred_a = st.zero.data() + kGuardLanes;
+    const uint16_t* pred_b = pred_a;
+    uint16_t min_a = 0, min_b = 0;
+    for (int i = 0; i < w; ++i) {
+        const int xa = i, xb = w - 1 - i;
+        uint16_t* out_a = st.horiz[i & 1].data() + kGuardLanes;
+        uint16_t* out_b = st.horiz[2 + (i & 1)].data() + kGuardLanes;
+        const auto ma = hn::Set(d, min_a), mb = hn::Set(d, min_b);
+        const auto ma2 = hn::Add(ma, p2), mb2 = hn::Add(mb, p2);
+        auto lo_a = inf, lo_b = inf;
+        for (int k = 0; k < nd; k += n) {
+            const auto ca = hn::PromoteTo(d, hn::LoadU(d8h, costs + xa * nd + k));
+            const auto cb = hn::PromoteTo(d, hn::LoadU(d8h, costs + xb * nd + k));
+            const auto la = Step(d, ca, pred_a + k, ma, p1, ma2);
+            const auto lb = Step(d, cb, pred_b + k, mb, p1, mb2);
+            hn::StoreU(la, d, out_a + k);
+            hn::StoreU(lb, d, out_b + k);
+            lo_a = hn::Min(lo_a, la);
+            lo_b = hn::Min(lo_b, lb);
+            hn::StoreU(hn::Add(la, hn::LoadU(d, sums + xa * nd + k)), d, sums + xa * nd + k);
+            hn::StoreU(hn::Add(lb, hn::LoadU(d, sums + xb * nd + k)), d, sums + xb * nd + k);
+        }
+        min_a = hn::GetLane(hn::MinOfLanes(d, lo_a));
+        min_b = hn::GetLane(hn::MinOfLanes(d, lo_b));
+        pred_a = out_a;
+        pred_b = out_b;
+    }
+}
+
+// Winner: the lowest k of the lowest sum; runner-up: the lowest sum more than one candidate away.
+template <class D>
+HWY_INLINE void Winner(D d, const Problem& pb, const uint16_t* total, uint16_t best_cost,
+                       Winners& out, int y, int x) {
+    const int nd = pb.ndisp, n = static_cast<int>(hn::Lanes(d));
+    int best = 0;
+    for (int k = 0; k < nd; k += n) {
+        const intptr_t at = hn::FindFirstTrue(d, hn::Eq(hn::LoadU(d, total + k), hn::Set(d, best_cost)));
+        if (at >= 0) {
+            best = k + static_cast<int>(at);
+            break;
+        }
+    }
+    const auto from = hn::Set(d, static_cast<uint16_t>(best - 1));
+    const auto three = hn::Set(d, uint16_t{3});
+    const auto inf = hn::Set(d, kGuard);
+    auto second_min = inf;
+    for (int k = 0; k < nd; k += n) {
+        const auto close = hn::Lt(hn::Sub(hn::Iota(d, static_cast<uint16_t>(k)), from), three);
+        second_min = hn::Min(second_min, hn::IfThenElse(close, inf, hn::LoadU(d, total + k)));
+    }
+    out.best.ptr<uint16_t>(y)[x] = static_cast<uint16_t>(best);
+    out.cost.ptr<uint16_t>(y)[x] = best_cost;
+    out.second.ptr<uint16_t>(y)[x] = hn::GetLane(hn::MinOfLanes(d, second_min));
+    out.below.ptr<uint16_t>(y)[x] = best > 0 ? total[best - 1] : 0;
+    out.above.ptr<uint16_t>(y)[x] = best < nd - 1 ? total[best + 1] : 0;
+}
+
+// One row of a pass. The first visitor of a row computes its costs, its vertical paths and both
+// horizontal paths and leaves the sum; the second adds its vertical paths and picks the winners.
+template <class D, bool kEight>
+void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
+    const Problem& pb = *a.pb;
+    const int w = pb.width, nd = pb.ndisp, ls = nd + 2 * kGuardLanes;
+    const int n = static_cast<int>(hn::Lanes(d));
+    const hn::Rebind<uint8_t, D> d8h;
+    uint8_t* costs = a.costs + static_cast<size_t>(y) * w * nd;
+    if (!second) {
+        if (nd % hn::Lanes(hn::ScalableTag<uint8_t>()) == 0)
+            CostRow(hn::ScalableTag<uint8_t>(), a, y, costs);
+        else
+            CostRow(hn::CappedTag<uint8_t, 16>(), a, y, costs);
+    }
+
+    const int cur = st.cur, prev = 1 - cur;
+    const uint16_t* zero = st.zero.data() + kGuardLanes;
+    const auto p1 = hn::Set(d, static_cast<uint16_t>(pb.p1));
+    const auto p2 = hn::Set(d, static_cast<uint16_t>(pb.p2));
+    const auto inf = hn::Set(d, kGuard);
+    uint16_t* srow = a.sums + static_cast<size_t>(y) * w * nd;
+    uint16_t* total = st.total.data();
+
+    for (int x = 0; x < w; ++x) {
+        // Predecessors in the previous row: straight, from x-1 and from x+1.
+        const uint16_t* pv[3];
+        uint16_t pm[3];
+        for (int p = 0; p < (kEight ? 3 : 1); ++p) {
+            const int px = x + (p == 1 ? -1 : p == 2 ? 1 : 0);
+            if (st.has_prev && px >= 0 && px < w) {
+                pv[p] = st.rows[p][prev].data() + px * ls + kGuardLanes;
+                pm[p] = st.mins[p][prev][px];
+            } else {
+                pv[p] = zero;
+                pm[p] = 0;
+            }
+        }
+        uint16_t* vout0 = st.rows[0][cur].data() + x * ls + kGuardLanes;
+        uint16_t* vout1 = kEight ? st.rows[1][cur].data() + x * ls + kGuardLanes : nullptr;
+        uint16_t* vout2 = kEight ? st.rows[2][cur].data() + x * ls + kGuardLanes : nullptr;
+        const uint8_t* cost = costs + x * nd;
+        uint16_t* sp = srow + x * nd;
+
+        const auto mv0 = hn::Set(d, pm[0]);
+        const auto mv02 = hn::Add(mv0, p2);
+        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = inf;
+        for (int k = 0; k < nd; k += n) {
+            const auto c = hn::PromoteTo(d, hn::LoadU(d8h, cost + k));
+            const auto lv0 = Step(d, c, pv[0] + k, mv0, p1, mv02);
+            hn::StoreU(lv0, d, vout0 + k);
+            minv0 = hn::Min(minv0, lv0);
+            auto sum = lv0;
+            if (kEight) {
+                const auto mv1 = hn::Set(d, pm[1]), mv2 = hn::Set(d, pm[2]);
+                const auto lv1 = Step(d, c, pv[1] + k, mv1, p1, hn::Add(mv1, p2));
+                const auto lv2 = Step(d, c, pv[2] + k, mv2, p1, hn::Add(mv2, p2));
+                hn::StoreU(lv1, d, vout1 + k);
+                hn::StoreU(lv2, d, vout2 + k);
+                minv1 = hn::Min(minv1, lv1);
+                minv2 = hn::Min(minv2, lv2);
+                sum = hn::Add(sum, hn::Add(lv1, lv2));
+            }
+            if (second) {
+                sum = hn::Add(sum, hn::LoadU(d, sp + k));
+                hn::StoreU(sum, d, total + k);
+                mintot = hn::Min(mintot, sum);
+            } else {
+                hn::StoreU(sum, d, sp + k);
+            }
+        }
+        st.mins[0][cur][x] = hn::GetLane(hn::MinOfLanes(d, minv0));
+        if (kEight) {
+            st.mins[1][cur][x] = hn::GetLane(hn::MinOfLanes(d, minv1));
+            st.mins[2][cur][x] = hn::GetLane(hn::MinOfLanes(d, minv2));
+        }
+        if (second) Winner(d, pb, total, hn::GetLane(hn::MinOfLanes(d, mintot)), *a.out, y, x);
+    }
+    if (!second) HorizontalPaths(d, pb, st, costs, srow);
+    st.cur = prev;
+    st.has_prev = true;
+}
+
+void PassRow(const PassArgs& a, PassState& st, int y, bool second) {
+    const hn::ScalableTag<uint16_t> full;
+    const hn::CappedTag<uint16_t, 16> capped;  // ndisp is a multiple of 16
+    const bool use_full = a.pb->ndisp % hn::Lanes(full) == 0;
+    if (a.pb->paths == 8) {
+        if (use_full) PassRowT<decltype(full), true>(full, a, st, y, second);
+        else PassRowT<decltype(capped), true>(capped, a, st, y, second);
+    } else {
+        if (use_full) PassRowT<decltype(full), false>(full, a, st, y, second);
+        else PassRowT<decltype(capped), false>(capped, a, st, y, second);
+    }
+}
+
+// NOLINTNEXTLINE(google-readability-namespace-comments)
+}  // namespace HWY_NAMESPACE
+}  // namespace depth
+}  // namespace orvo
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace orvo {
+namespace depth {
+
+HWY_EXPORT(CensusRows);
+HWY_EXPORT(PassRow);
+
+namespace {
+
+// Runs one job at a time on its own thread.
+class Worker {
+public:
+    Worker() : thread_([this] { loop(); }) {}
+    ~Worker() {
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            quit_ = true;
+        }
+        cv_.notify_all();
+        thread_.join();
+    }
+    void start(void (*fn)(void*), void* ctx) {
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            fn_ = fn;
+            ctx_ = ctx;
+        }
+        cv_.notify_all();
+    }
+    void wait() {
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait(lock, [this] { return fn_ == nullptr; });
+    }
+
+private:
+    void loop() {
+        std::unique_lock<std::mutex> lock(mu_);
+        for (;;) {
+            cv_.wait(lock, [this] { return quit_ || fn_ != nullptr; });
+            if (quit_) return;
+            lock.unlock();
+            fn_(ctx_);
+            lock.lock();
+            fn_ = nullptr;
+            cv_.notify_all();
+        }
+    }
+    std::mutex mu_;
+    std::condition_variable cv_;
+    void (*fn_)(void*) = nullptr;
+    void* ctx_ = nullptr;
+    bool quit_ = false;
+    std::thread thread_;
+};
+
+constexpr int kSlack = 64;  // columns beyond the image that a vector may touch
+
+}  // namespace
+
+struct SimdMatcher::Impl {
+    std::unique_ptr<Worker> worker;
+    Problem pb;
+    bool sized = false;
+    cv::Mat flipped, padded_left, padded_right;
+    std::vector<uint8_t> planes_left, planes_right;
+    size_t plane_size = 0, stride = 0, right_offset = 0;
+    std::vector<uint16_t> sums;
+    std::vector<uint8_t> costs;
+    PassState pass[2];
+    std::atomic<int> rows_done[2];  // pass 0: rows done from the top; pass 1: from the bottom
+
+    void resize(const Problem& p);
+};
+
+// Buffers for a problem; kept while the image size and the disparity range stay the same.
+void SimdMatcher::Impl::resize(const Problem& p) {
+    const bool same = sized && p.width == pb.width && p.height == pb.height &&
+                      p.ndisp == pb.ndisp && p.min_disp == pb.min_disp;
+    pb = p;
+    if (same) return;
+    sized = true;
+    const int w = p.width, h = p.height, nd = p.ndisp, ls = nd + 2 * kGuardLanes;
+    right_offset = static_cast<size_t>(std::max(0, -p.min_disp));
+    stride = right_offset + w + std::max(0, p.min_disp) + nd + kSlack;
+    plane_size = stride * h;
+    planes_left.assign(plane_size * 8, 0);
+    planes_right.assign(plane_size * 8, 0);
+    sums.assign(static_cast<size_t>(w) * h * nd, 0);
+    costs.assign(static_cast<size_t>(w) * h * nd, 0);
+    for (int i = 0; i < 2; ++i) {
+        PassState& st = pass[i];
+        st.dir = i == 0 ? 1 : -1;
+        for (int r = 0; r < 3; ++r)
+            for (int j = 0; j < 2; ++j) {
+                st.rows[r][j].assign(static_cast<size_t>(w) * ls, kGuard);
+                st.mins[r][j].assign(w, 0);
+            }
+        for (int j = 0; j < 4; ++j) st.horiz[j].assign(ls, kGuard);
+        st.zero.assign(ls, 0);
+        st.total.assign(nd + kSlack, 0);
+    }
+}
+
+SimdMatcher::SimdMatcher() : impl_(new Impl) {}
+SimdMatcher::~SimdMatcher() { delete impl_; }
+
+void SimdMatcher::run_pair(int threads, void (*a)(void*), void (*b)(void*), void* ctx) {
+    if (threads <= 1) {
+        a(ctx);
+        b(ctx);
+        return;
+    }
+    if (!impl_->worker) impl_->worker = std::make_unique<Worker>();
+    impl_->worker->start(b, ctx);
+    a(ctx);
+    impl_->worker->wait();
+}
+
+namespace {
+
+struct MatchCtx {
+    SimdMatcher::Impl* m;
+    PassArgs args;
+    CensusJob census[2];
+};
+
+void wait_for(const std::atomic<int>& done, int needed) {
+    while (done.load(std::memory_order_acquire) < needed) std::this_thread::yield();
+}
+
+// Pass 0 walks rows down, pass 1 up. Each row is visited by both; the first visitor leaves its
+// path sum in the sums volume, the second adds its own and picks the winners. Pass 0 visits the
+// top half first, pass 1 the bottom half, so the two threads meet in the middle.
+void run_pass(MatchCtx& c, int which, int from, int to) {
+    SimdMatcher::Impl& m = *c.m;
+    const int h = m.pb.height, mid = h / 2;
+    for (int i = from; i < to; ++i) {
+        const int y = which == 0 ? i : h - 1 - i;
+        const bool second = which == 0 ? y >= mid : y < mid;
+        if (second) {
+            if (which == 0) wait_for(m.rows_done[1], h - y);
+            else wait_for(m.rows_done[0], y + 1);
+        }
+        HWY_DYNAMIC_DISPATCH(PassRow)(c.args, m.pass[which], y, second);
+        m.rows_done[which].store(i + 1, std::memory_order_release);
+    }
+}
+
+}  // namespace
+
+void SimdMatcher::match(const cv::Mat& left, const cv::Mat& right, const Problem& pb, int threads,
+                        Winners& out) {
+    Impl& m = *impl_;
+    m.resize(pb);
+    out.create(pb.height, pb.width);
+    const int hw = pb.census_w / 2, hh = pb.census_h / 2;
+    cv::copyMakeBorder(left, m.padded_left, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
+    cv::flip(right, m.flipped, 1);
+    cv::copyMakeBorder(m.flipped, m.padded_right, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
+
+    MatchCtx c{&m, {}, {}};
+    c.args = PassArgs{&m.pb, m.planes_left.data(), m.planes_right.data(), m.plane_size, m.stride,
+                      m.right_offset, m.sums.data(), m.costs.data(), &out};
+    c.census[0] = CensusJob{&m.padded_left, pb.width, pb.height, pb.census_w, pb.census_h, false,
+                            m.planes_left.data(), m.plane_size, m.stride};
+    c.census[1] = CensusJob{&m.padded_right, pb.width, pb.height, pb.census_w, pb.census_h, true,
+                            m.planes_right.data() + m.right_offset, m.plane_size, m.stride};
+    run_pair(
+        threads,
+        [](void* p) {
+            auto& c = *static_cast<MatchCtx*>(p);
+            HWY_DYNAMIC_DISPATCH(CensusRows)(c.census[0], 0, c.census[0].height);
+        },
+        [](void* p) {
+            auto& c = *static_cast<MatchCtx*>(p);
+            HWY_DYNAMIC_DISPATCH(CensusRows)(c.census[1], 0, c.census[1].height);
+        },
+        &c);
+
+    for (int i = 0; i < 2; ++i) {
+        m.pass[i].has_prev = false;
+        m.rows_done[i].store(0);
+    }
+    const int h = pb.height, mid = h / 2;
+    if (threads <= 1) {
+        run_pass(c, 0, 0, mid);
+        run_pass(c, 1, 0, h);
+        run_pass(c, 0, mid, h);
+        return;
+    }
+    run_pair(
+        threads, [](void* p) { run_pass(*static_cast<MatchCtx*>(p), 0, 0, static_cast<MatchCtx*>(p)->m->pb.height); },
+        [](void* p) { run_pass(*static_cast<MatchCtx*>(p), 1, 0, static_cast<MatchCtx*>(p)->m->pb.height); },
+        &c);
+}
+
+}  // namespace depth
+}  // namespace orvo
+#endif  // HWY_ONCE

@@ -1,7 +1,12 @@
 // The vectorised matcher: census, costs, aggregation in two opposite passes and WTA (Highway).
+// Also compile for AVX-512 with VNNI/BITALG (one-instruction byte popcount), chosen at run time.
+#ifndef HWY_WANT_AVX3_DL
+#define HWY_WANT_AVX3_DL
+#endif
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "depth/matcher_simd.cpp"
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include <atomic>
@@ -109,8 +114,14 @@ void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* cost) {
             for (int b = 0; b < nb; ++b) {
                 const auto l = hn::Set(d8, lrow[b * a.plane_size + x]);
                 const auto v = hn::Xor(l, hn::LoadU(d8, r + b * a.plane_size + k));
+#if HWY_TARGET == HWY_AVX3_DL
+                (void)table;
+                (void)low;
+                acc = hn::Add(acc, hn::PopulationCount(v));
+#else
                 acc = hn::Add(acc, hn::Add(hn::TableLookupBytes(table, hn::And(v, low)),
                                            hn::TableLookupBytes(table, hn::ShiftRight<4>(v))));
+#endif
             }
             hn::StoreU(acc, d8, cost + x * nd + k);
         }
@@ -127,6 +138,18 @@ void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* cost) {
             if (xr < 0 || xr >= w) cost[x * nd + k] = static_cast<uint8_t>(pb.outside_cost());
         }
     }
+}
+
+// The lowest lane: halves folded down to 128 bits, where x86 has one instruction for the rest.
+template <class D>
+HWY_INLINE uint16_t MinLane(D d, hn::Vec<D> v) {
+#if HWY_TARGET != HWY_SCALAR
+    if constexpr (hn::MaxLanes(D()) > 8) {
+        const hn::Half<D> dh;
+        return MinLane(dh, hn::Min(hn::LowerHalf(dh, v), hn::UpperHalf(dh, v)));
+    }
+#endif
+    return hn::GetLane(hn::MinOfLanes(d, v));
 }
 
 // One path step for a chunk of candidates: L = C + min(P, min(P(k-1), P(k+1)) + P1, m + P2) - m.
@@ -170,39 +193,39 @@ void HorizontalPaths(D d, const Problem& pb, PassState& st, const uint8_t* costs
             hn::StoreU(hn::Add(la, hn::LoadU(d, sums + xa * nd + k)), d, sums + xa * nd + k);
             hn::StoreU(hn::Add(lb, hn::LoadU(d, sums + xb * nd + k)), d, sums + xb * nd + k);
         }
-        min_a = hn::GetLane(hn::MinOfLanes(d, lo_a));
-        min_b = hn::GetLane(hn::MinOfLanes(d, lo_b));
+        min_a = MinLane(d, lo_a);
+        min_b = MinLane(d, lo_b);
         pred_a = out_a;
         pred_b = out_b;
     }
 }
 
+// Row pointers of the winners' record.
+struct WinnerRow {
+    uint16_t *best, *cost, *second, *below, *above;
+};
+
 // Winner: the lowest k of the lowest sum; runner-up: the lowest sum more than one candidate away.
+// lowest/first: per lane, the lowest sum over the chunks and the first k that had it.
 template <class D>
-HWY_INLINE void Winner(D d, const Problem& pb, const uint16_t* total, uint16_t best_cost,
-                       Winners& out, int y, int x) {
-    const int nd = pb.ndisp, n = static_cast<int>(hn::Lanes(d));
-    int best = 0;
-    for (int k = 0; k < nd; k += n) {
-        const intptr_t at = hn::FindFirstTrue(d, hn::Eq(hn::LoadU(d, total + k), hn::Set(d, best_cost)));
-        if (at >= 0) {
-            best = k + static_cast<int>(at);
-            break;
-        }
-    }
+HWY_INLINE void Winner(D d, int nd, const uint16_t* total, hn::Vec<D> lowest, hn::Vec<D> first,
+                       const WinnerRow& out, int x) {
+    const int n = static_cast<int>(hn::Lanes(d));
+    const auto inf = hn::Set(d, kGuard);
+    const uint16_t best_cost = MinLane(d, lowest);
+    const int best = MinLane(d, hn::IfThenElse(hn::Eq(lowest, hn::Set(d, best_cost)), first, inf));
     const auto from = hn::Set(d, static_cast<uint16_t>(best - 1));
     const auto three = hn::Set(d, uint16_t{3});
-    const auto inf = hn::Set(d, kGuard);
     auto second_min = inf;
     for (int k = 0; k < nd; k += n) {
         const auto close = hn::Lt(hn::Sub(hn::Iota(d, static_cast<uint16_t>(k)), from), three);
         second_min = hn::Min(second_min, hn::IfThenElse(close, inf, hn::LoadU(d, total + k)));
     }
-    out.best.ptr<uint16_t>(y)[x] = static_cast<uint16_t>(best);
-    out.cost.ptr<uint16_t>(y)[x] = best_cost;
-    out.second.ptr<uint16_t>(y)[x] = hn::GetLane(hn::MinOfLanes(d, second_min));
-    out.below.ptr<uint16_t>(y)[x] = best > 0 ? total[best - 1] : 0;
-    out.above.ptr<uint16_t>(y)[x] = best < nd - 1 ? total[best + 1] : 0;
+    out.best[x] = static_cast<uint16_t>(best);
+    out.cost[x] = best_cost;
+    out.second[x] = MinLane(d, second_min);
+    out.below[x] = best > 0 ? total[best - 1] : 0;
+    out.above[x] = best < nd - 1 ? total[best + 1] : 0;
 }
 
 // One row of a pass. The first visitor of a row computes its costs, its vertical paths and both
@@ -228,6 +251,9 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
     const auto inf = hn::Set(d, kGuard);
     uint16_t* srow = a.sums + static_cast<size_t>(y) * w * nd;
     uint16_t* total = st.total.data();
+    Winners& wn = *a.out;
+    const WinnerRow out{wn.best.ptr<uint16_t>(y), wn.cost.ptr<uint16_t>(y), wn.second.ptr<uint16_t>(y),
+                        wn.below.ptr<uint16_t>(y), wn.above.ptr<uint16_t>(y)};
 
     for (int x = 0; x < w; ++x) {
         // Predecessors in the previous row: straight, from x-1 and from x+1.
@@ -248,10 +274,15 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
         uint16_t* vout2 = kEight ? st.rows[2][cur].data() + x * ls + kGuardLanes : nullptr;
         const uint8_t* cost = costs + x * nd;
         uint16_t* sp = srow + x * nd;
+        if (second) {  // the other pass wrote these long ago: fetch a few pixels ahead
+            hwy::Prefetch(sp + 6 * nd);
+            hwy::Prefetch(sp + 6 * nd + 32);
+            hwy::Prefetch(cost + 6 * nd);
+        }
 
         const auto mv0 = hn::Set(d, pm[0]);
         const auto mv02 = hn::Add(mv0, p2);
-        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = inf;
+        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = inf, firstk = inf;
         for (int k = 0; k < nd; k += n) {
             const auto c = hn::PromoteTo(d, hn::LoadU(d8h, cost + k));
             const auto lv0 = Step(d, c, pv[0] + k, mv0, p1, mv02);
@@ -271,17 +302,18 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
             if (second) {
                 sum = hn::Add(sum, hn::LoadU(d, sp + k));
                 hn::StoreU(sum, d, total + k);
+                firstk = hn::IfThenElse(hn::Lt(sum, mintot), hn::Iota(d, static_cast<uint16_t>(k)), firstk);
                 mintot = hn::Min(mintot, sum);
             } else {
                 hn::StoreU(sum, d, sp + k);
             }
         }
-        st.mins[0][cur][x] = hn::GetLane(hn::MinOfLanes(d, minv0));
+        st.mins[0][cur][x] = MinLane(d, minv0);
         if (kEight) {
-            st.mins[1][cur][x] = hn::GetLane(hn::MinOfLanes(d, minv1));
-            st.mins[2][cur][x] = hn::GetLane(hn::MinOfLanes(d, minv2));
+            st.mins[1][cur][x] = MinLane(d, minv1);
+            st.mins[2][cur][x] = MinLane(d, minv2);
         }
-        if (second) Winner(d, pb, total, hn::GetLane(hn::MinOfLanes(d, mintot)), *a.out, y, x);
+        if (second) Winner(d, nd, total, mintot, firstk, out, x);
     }
     if (!second) HorizontalPaths(d, pb, st, costs, srow);
     st.cur = prev;

@@ -13,12 +13,12 @@ namespace orvo {
 struct MatcherParams {
     int min_disparity = 0;
     int num_disparities = 64;  // a positive multiple of 16
-    int p1 = 11;               // penalty for a disparity change of one pixel
-    int p2 = 70;               // penalty for larger changes; p1 < p2 <= 4000
-    int census_width = 7;      // odd; census_width * census_height - 1 <= 64
-    int census_height = 5;
+    int p1 = 30;               // penalty for a disparity change of one pixel
+    int p2 = 250;              // penalty for larger changes; p1 < p2 <= 4000
+    int census_width = 9;      // odd; census_width * census_height - 1 <= 64
+    int census_height = 7;
     int paths = 4;             // 4 or 8 aggregation directions
-    int uniqueness_ratio = 10; // percent; 0 disables
+    int uniqueness_ratio = 5;  // percent; 0 disables
     int lr_max_diff = 1;       // pixels; negative disables the left-right check
     bool subpixel = true;
     int speckle_window = 100;  // pixels; 0 disables the speckle filter

@@ -45,7 +45,7 @@ struct PassState {
     int cur = 0;
     std::vector<uint16_t> rows[3][2];     // straight, from x-1, from x+1: previous and current row
     std::vector<uint16_t> mins[3][2];
-    std::vector<uint16_t> horiz[4];       // the horizontal paths' last two pixels each
+    std::vector<uint16_t> horiz[8];       // up to four horizontal chains: their last two pixels
     std::vector<uint16_t> zero;           // the predecessor of a pixel that starts a path
     std::vector<uint16_t> total;          // one pixel's summed costs
 };
@@ -161,42 +161,70 @@ HWY_INLINE hn::Vec<D> Step(D d, hn::Vec<D> c, const uint16_t* pred, hn::Vec<D> m
     return hn::Add(c, hn::Sub(hn::Min(hn::Min(same, near), mp2), m));
 }
 
-// Both horizontal paths of a row, added into its sums: the left-to-right and the right-to-left
-// chains are independent, so one loop runs them side by side.
-template <class D>
-void HorizontalPaths(D d, const Problem& pb, PassState& st, const uint8_t* costs, uint16_t* sums) {
+// The horizontal paths of one or two rows, added into their sums: the left-to-right and
+// right-to-left chains of each row are independent, so one loop runs up to four side by side.
+template <class D, int kRows>
+void HorizontalPathsT(D d, const Problem& pb, PassState& st, const uint8_t* const* costs,
+                      uint16_t* const* sums) {
+    constexpr int kChains = 2 * kRows;
     const int w = pb.width, nd = pb.ndisp;
     const int n = static_cast<int>(hn::Lanes(d));
     const hn::Rebind<uint8_t, D> d8h;
     const auto p1 = hn::Set(d, static_cast<uint16_t>(pb.p1));
     const auto p2 = hn::Set(d, static_cast<uint16_t>(pb.p2));
     const auto inf = hn::Set(d, kGuard);
-    const uint16_t* pred_a = st.zero.data() + kGuardLanes;
-    const uint16_t* pred_b = pred_a;
-    uint16_t min_a = 0, min_b = 0;
+    const uint16_t* pred[kChains];
+    uint16_t mins[kChains];
+    for (int c = 0; c < kChains; ++c) {
+        pred[c] = st.zero.data() + kGuardLanes;
+        mins[c] = 0;
+    }
     for (int i = 0; i < w; ++i) {
-        const int xa = i, xb = w - 1 - i;
-        uint16_t* out_a = st.horiz[i & 1].data() + kGuardLanes;
-        uint16_t* out_b = st.horiz[2 + (i & 1)].data() + kGuardLanes;
-        const auto ma = hn::Set(d, min_a), mb = hn::Set(d, min_b);
-        const auto ma2 = hn::Add(ma, p2), mb2 = hn::Add(mb, p2);
-        auto lo_a = inf, lo_b = inf;
-        for (int k = 0; k < nd; k += n) {
-            const auto ca = hn::PromoteTo(d, hn::LoadU(d8h, costs + xa * nd + k));
-            const auto cb = hn::PromoteTo(d, hn::LoadU(d8h, costs + xb * nd + k));
-            const auto la = Step(d, ca, pred_a + k, ma, p1, ma2);
-            const auto lb = Step(d, cb, pred_b + k, mb, p1, mb2);
-            hn::StoreU(la, d, out_a + k);
-            hn::StoreU(lb, d, out_b + k);
-            lo_a = hn::Min(lo_a, la);
-            lo_b = hn::Min(lo_b, lb);
-            hn::StoreU(hn::Add(la, hn::LoadU(d, sums + xa * nd + k)), d, sums + xa * nd + k);
-            hn::StoreU(hn::Add(lb, hn::LoadU(d, sums + xb * nd + k)), d, sums + xb * nd + k);
+        uint16_t* out[kChains];
+        int xs[kChains];
+        for (int c = 0; c < kChains; ++c) {
+            out[c] = st.horiz[2 * c + (i & 1)].data() + kGuardLanes;
+            xs[c] = (c & 1) ? w - 1 - i : i;  // even chains run left to right, odd ones back
         }
-        min_a = MinLane(d, lo_a);
-        min_b = MinLane(d, lo_b);
-        pred_a = out_a;
-        pred_b = out_b;
+        // Written out for up to four chains so that their vectors stay in registers.
+        auto lo0 = inf, lo1 = inf, lo2 = inf, lo3 = inf;
+        const auto m0 = hn::Set(d, mins[0]), m1 = hn::Set(d, mins[1]);
+        const auto m2 = hn::Set(d, mins[kRows == 2 ? 2 : 0]), m3 = hn::Set(d, mins[kRows == 2 ? 3 : 1]);
+        const auto m0p = hn::Add(m0, p2), m1p = hn::Add(m1, p2), m2p = hn::Add(m2, p2), m3p = hn::Add(m3, p2);
+        for (int k = 0; k < nd; k += n) {
+            {
+                const uint8_t* cr = costs[0];
+                uint16_t* sr = sums[0];
+                const auto l0 = Step(d, hn::PromoteTo(d, hn::LoadU(d8h, cr + xs[0] * nd + k)), pred[0] + k, m0, p1, m0p);
+                const auto l1 = Step(d, hn::PromoteTo(d, hn::LoadU(d8h, cr + xs[1] * nd + k)), pred[1] + k, m1, p1, m1p);
+                hn::StoreU(l0, d, out[0] + k);
+                hn::StoreU(l1, d, out[1] + k);
+                lo0 = hn::Min(lo0, l0);
+                lo1 = hn::Min(lo1, l1);
+                hn::StoreU(hn::Add(l0, hn::LoadU(d, sr + xs[0] * nd + k)), d, sr + xs[0] * nd + k);
+                hn::StoreU(hn::Add(l1, hn::LoadU(d, sr + xs[1] * nd + k)), d, sr + xs[1] * nd + k);
+            }
+            if (kRows == 2) {
+                const uint8_t* cr = costs[kRows - 1];
+                uint16_t* sr = sums[kRows - 1];
+                const int c2 = kRows == 2 ? 2 : 0, c3 = kRows == 2 ? 3 : 1;
+                const auto l2 = Step(d, hn::PromoteTo(d, hn::LoadU(d8h, cr + xs[c2] * nd + k)), pred[c2] + k, m2, p1, m2p);
+                const auto l3 = Step(d, hn::PromoteTo(d, hn::LoadU(d8h, cr + xs[c3] * nd + k)), pred[c3] + k, m3, p1, m3p);
+                hn::StoreU(l2, d, out[c2] + k);
+                hn::StoreU(l3, d, out[c3] + k);
+                lo2 = hn::Min(lo2, l2);
+                lo3 = hn::Min(lo3, l3);
+                hn::StoreU(hn::Add(l2, hn::LoadU(d, sr + xs[c2] * nd + k)), d, sr + xs[c2] * nd + k);
+                hn::StoreU(hn::Add(l3, hn::LoadU(d, sr + xs[c3] * nd + k)), d, sr + xs[c3] * nd + k);
+            }
+        }
+        mins[0] = MinLane(d, lo0);
+        mins[1] = MinLane(d, lo1);
+        if (kRows == 2) {
+            mins[kRows == 2 ? 2 : 0] = MinLane(d, lo2);
+            mins[kRows == 2 ? 3 : 1] = MinLane(d, lo3);
+        }
+        for (int c = 0; c < kChains; ++c) pred[c] = out[c];
     }
 }
 
@@ -315,7 +343,6 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
         }
         if (second) Winner(d, nd, total, mintot, firstk, out, x);
     }
-    if (!second) HorizontalPaths(d, pb, st, costs, srow);
     st.cur = prev;
     st.has_prev = true;
 }
@@ -333,6 +360,24 @@ void PassRow(const PassArgs& a, PassState& st, int y, bool second) {
     }
 }
 
+// Horizontal paths of row y0, and of row y1 too unless it is negative (first visits only).
+void HorizontalRows(const PassArgs& a, PassState& st, int y0, int y1) {
+    const Problem& pb = *a.pb;
+    const size_t plane = static_cast<size_t>(pb.width) * pb.ndisp;
+    const uint8_t* costs[2] = {a.costs + y0 * plane, a.costs + (y1 < 0 ? y0 : y1) * plane};
+    uint16_t* sums[2] = {a.sums + y0 * plane, a.sums + (y1 < 0 ? y0 : y1) * plane};
+    const hn::ScalableTag<uint16_t> full;
+    const hn::CappedTag<uint16_t, 16> capped;
+    const bool use_full = pb.ndisp % hn::Lanes(full) == 0;
+    if (y1 < 0) {
+        if (use_full) HorizontalPathsT<decltype(full), 1>(full, pb, st, costs, sums);
+        else HorizontalPathsT<decltype(capped), 1>(capped, pb, st, costs, sums);
+    } else {
+        if (use_full) HorizontalPathsT<decltype(full), 2>(full, pb, st, costs, sums);
+        else HorizontalPathsT<decltype(capped), 2>(capped, pb, st, costs, sums);
+    }
+}
+
 // NOLINTNEXTLINE(google-readability-namespace-comments)
 }  // namespace HWY_NAMESPACE
 }  // namespace depth
@@ -345,6 +390,7 @@ namespace depth {
 
 HWY_EXPORT(CensusRows);
 HWY_EXPORT(PassRow);
+HWY_EXPORT(HorizontalRows);
 
 namespace {
 
@@ -436,7 +482,7 @@ void SimdMatcher::Impl::resize(const Problem& p) {
                 st.rows[r][j].assign(static_cast<size_t>(w) * ls, kGuard);
                 st.mins[r][j].assign(w, 0);
             }
-        for (int j = 0; j < 4; ++j) st.horiz[j].assign(ls, kGuard);
+        for (int j = 0; j < 8; ++j) st.horiz[j].assign(ls, kGuard);
         st.zero.assign(ls, 0);
         st.total.assign(nd + kSlack, 0);
     }
@@ -475,14 +521,26 @@ void wait_for(const std::atomic<int>& done, int needed) {
 void run_pass(MatchCtx& c, int which, int from, int to) {
     SimdMatcher::Impl& m = *c.m;
     const int h = m.pb.height, mid = h / 2;
+    auto row = [&](int i) { return which == 0 ? i : h - 1 - i; };
+    auto is_second = [&](int y) { return which == 0 ? y >= mid : y < mid; };
+    int pending = -1;  // a first-visit row whose horizontal paths wait for the next row's
     for (int i = from; i < to; ++i) {
-        const int y = which == 0 ? i : h - 1 - i;
-        const bool second = which == 0 ? y >= mid : y < mid;
+        const int y = row(i);
+        const bool second = is_second(y);
         if (second) {
             if (which == 0) wait_for(m.rows_done[1], h - y);
             else wait_for(m.rows_done[0], y + 1);
         }
         HWY_DYNAMIC_DISPATCH(PassRow)(c.args, m.pass[which], y, second);
+        if (!second) {
+            if (pending < 0 && i + 1 < to && !is_second(row(i + 1))) {
+                pending = y;
+                continue;
+            }
+            HWY_DYNAMIC_DISPATCH(HorizontalRows)(c.args, m.pass[which], pending < 0 ? y : pending,
+                                                 pending < 0 ? -1 : y);
+            pending = -1;
+        }
         m.rows_done[which].store(i + 1, std::memory_order_release);
     }
 }

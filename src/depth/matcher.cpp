@@ -178,7 +178,7 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
             const float* d = out.disparity.ptr<float>(y);
             int16_t* o = disp16.ptr<int16_t>(y);
             for (int x = 0; x < pb.width; ++x)
-                o[x] = std::isnan(d[x]) ? invalid : static_cast<int16_t>(std::lround(d[x] * 16));
+                o[x] = std::isnan(d[x]) ? invalid : static_cast<int16_t>(cvRound(d[x] * 16));
         }
         cv::filterSpeckles(disp16, invalid, params.speckle_window, params.speckle_range * 16,
                            speckle_buf);

@@ -86,11 +86,12 @@ struct StereoMatcher::Impl {
 // 1 + 254 * (second - best) / second.
 void StereoMatcher::Impl::decide_rows(const depth::Problem& pb, int y0, int y1, int half) {
     const int w = pb.width, xlo = pb.first_valid_x(), xhi = pb.last_valid_x();
-    const int uniq = params.uniqueness_ratio;
+    const int keep = 100 - params.uniqueness_ratio, lr = params.lr_max_diff;
     std::vector<int>& rc = right_cost[half];
-    std::vector<int>& rk = right_k[half];
+    std::vector<int>& rk = right_k[half];  // also: -2 marks a left pixel refused as not unique
     rc.resize(w);
-    rk.resize(w);
+    rk.resize(2 * static_cast<size_t>(w));
+    int* passed = rk.data() + w;
     for (int y = y0; y < y1; ++y) {
         const uint16_t* best = winners.best.ptr<uint16_t>(y);
         const uint16_t* cost = winners.cost.ptr<uint16_t>(y);
@@ -100,37 +101,31 @@ void StereoMatcher::Impl::decide_rows(const depth::Problem& pb, int y0, int y1, 
         float* disp = out.disparity.ptr<float>(y);
         uint8_t* conf = out.confidence.ptr<uint8_t>(y);
         std::fill(rc.begin(), rc.end(), std::numeric_limits<int>::max());
-        std::fill(rk.begin(), rk.end(), -1);
-        for (int x = 0; x < w; ++x) {
-            disp[x] = kNaN;
-            conf[x] = 0;
-            if (x < xlo || x > xhi) continue;
-            if (uniq > 0 && int64_t{second[x]} * (100 - uniq) < int64_t{cost[x]} * 100) continue;
-            const int k = best[x];
-            disp[x] = static_cast<float>(pb.min_disp + k);  // provisional: marks "passed"
-            const int xr = x - pb.min_disp - k;
+        std::fill(rk.begin(), rk.begin() + w, -1);
+        std::fill(disp, disp + w, kNaN);
+        std::fill(conf, conf + w, 0);
+        for (int x = xlo; x <= xhi; ++x) {
+            passed[x] = second[x] * keep >= cost[x] * 100;
+            if (!passed[x]) continue;
+            const int xr = x - pb.min_disp - best[x];
             if (cost[x] < rc[xr]) {
                 rc[xr] = cost[x];
-                rk[xr] = k;
+                rk[xr] = best[x];
             }
         }
         for (int x = xlo; x <= xhi; ++x) {
-            if (std::isnan(disp[x])) continue;
+            if (!passed[x]) continue;
             const int k = best[x];
             const int xr = x - pb.min_disp - k;
-            if (params.lr_max_diff >= 0 && rk[xr] >= 0 && std::abs(rk[xr] - k) > params.lr_max_diff) {
-                disp[x] = kNaN;
-                continue;
-            }
+            if (lr >= 0 && rk[xr] >= 0 && std::abs(rk[xr] - k) > lr) continue;
             float d = static_cast<float>(pb.min_disp + k);
             if (params.subpixel && k > 0 && k < pb.ndisp - 1) {
                 const int denom = below[x] + above[x] - 2 * cost[x];
                 if (denom > 0) d += static_cast<float>(below[x] - above[x]) / (2.0f * denom);
             }
             disp[x] = d;
-            conf[x] = second[x] == 0
-                          ? 1
-                          : static_cast<uint8_t>(1 + 254 * (second[x] - cost[x]) / second[x]);
+            conf[x] = static_cast<uint8_t>(
+                second[x] == 0 ? 1 : 1 + static_cast<int>(254.0f * (second[x] - cost[x]) / second[x]));
         }
     }
 }

@@ -258,8 +258,9 @@ HWY_INLINE void Winner(D d, int nd, const uint16_t* total, hn::Vec<D> lowest, hn
 
 // One row of a pass. The first visitor of a row computes its costs, its vertical paths and both
 // horizontal paths and leaves the sum; the second adds its vertical paths and picks the winners.
-template <class D, bool kEight>
-void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
+template <class D, bool kEight, bool kSecond>
+void PassRowT(D d, const PassArgs& a, PassState& st, int y) {
+    constexpr bool second = kSecond;
     const Problem& pb = *a.pb;
     const int w = pb.width, nd = pb.ndisp, ls = nd + 2 * kGuardLanes;
     const int n = static_cast<int>(hn::Lanes(d));
@@ -347,16 +348,22 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, bool second) {
     st.has_prev = true;
 }
 
+template <class D, bool kEight>
+void PassRowVisit(D d, const PassArgs& a, PassState& st, int y, bool second) {
+    if (second) PassRowT<D, kEight, true>(d, a, st, y);
+    else PassRowT<D, kEight, false>(d, a, st, y);
+}
+
 void PassRow(const PassArgs& a, PassState& st, int y, bool second) {
     const hn::ScalableTag<uint16_t> full;
     const hn::CappedTag<uint16_t, 16> capped;  // ndisp is a multiple of 16
     const bool use_full = a.pb->ndisp % hn::Lanes(full) == 0;
     if (a.pb->paths == 8) {
-        if (use_full) PassRowT<decltype(full), true>(full, a, st, y, second);
-        else PassRowT<decltype(capped), true>(capped, a, st, y, second);
+        if (use_full) PassRowVisit<decltype(full), true>(full, a, st, y, second);
+        else PassRowVisit<decltype(capped), true>(capped, a, st, y, second);
     } else {
-        if (use_full) PassRowT<decltype(full), false>(full, a, st, y, second);
-        else PassRowT<decltype(capped), false>(capped, a, st, y, second);
+        if (use_full) PassRowVisit<decltype(full), false>(full, a, st, y, second);
+        else PassRowVisit<decltype(capped), false>(capped, a, st, y, second);
     }
 }
 

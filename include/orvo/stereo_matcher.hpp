@@ -23,7 +23,7 @@ struct MatcherParams {
     bool subpixel = true;
     int speckle_window = 100;  // pixels; 0 disables the speckle filter
     int speckle_range = 2;     // pixels
-    int threads = 0;           // 0: all hardware threads
+    int threads = 0;           // 0: all hardware threads (the matcher uses at most two)
     bool scalar_reference = false;  // the plain scalar implementation (slow; the reference)
 };
 
@@ -34,6 +34,7 @@ struct Depth {
     cv::Mat points;      // CV_32FC3, organized, camera frame (x right, y down, z forward), metres
 };
 
+// One matcher serves one thread at a time; its buffers are kept between frames of one size.
 class ORVO_API StereoMatcher {
 public:
     using Params = MatcherParams;

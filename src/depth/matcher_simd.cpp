@@ -7,6 +7,7 @@
 #define HWY_TARGET_INCLUDE "depth/matcher_simd.cpp"
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
 #include <hwy/cache_control.h>
+#include <hwy/aligned_allocator.h>
 #include <hwy/highway.h>
 
 #include <atomic>
@@ -48,6 +49,10 @@ struct PassState {
     std::vector<uint16_t> horiz[8];       // up to four horizontal chains: their last two pixels
     std::vector<uint16_t> zero;           // the predecessor of a pixel that starts a path
     std::vector<uint16_t> total;          // one pixel's summed costs
+    // A first-visit row's costs and sums stay here (in cache) until its horizontal paths are
+    // done, then go to the volumes with streaming stores; two rows are handled at a time.
+    std::vector<uint8_t> cost_rows[2];
+    std::vector<uint16_t> sum_rows[2];
 };
 
 struct PassArgs {
@@ -259,13 +264,13 @@ HWY_INLINE void Winner(D d, int nd, const uint16_t* total, hn::Vec<D> lowest, hn
 // One row of a pass. The first visitor of a row computes its costs, its vertical paths and both
 // horizontal paths and leaves the sum; the second adds its vertical paths and picks the winners.
 template <class D, bool kEight, bool kSecond>
-void PassRowT(D d, const PassArgs& a, PassState& st, int y) {
+void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
     constexpr bool second = kSecond;
     const Problem& pb = *a.pb;
     const int w = pb.width, nd = pb.ndisp, ls = nd + 2 * kGuardLanes;
     const int n = static_cast<int>(hn::Lanes(d));
     const hn::Rebind<uint8_t, D> d8h;
-    uint8_t* costs = a.costs + static_cast<size_t>(y) * w * nd;
+    uint8_t* costs = second ? a.costs + static_cast<size_t>(y) * w * nd : st.cost_rows[slot].data();
     if (!second) {
         if (nd % hn::Lanes(hn::ScalableTag<uint8_t>()) == 0)
             CostRow(hn::ScalableTag<uint8_t>(), a, y, costs);
@@ -278,7 +283,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y) {
     const auto p1 = hn::Set(d, static_cast<uint16_t>(pb.p1));
     const auto p2 = hn::Set(d, static_cast<uint16_t>(pb.p2));
     const auto inf = hn::Set(d, kGuard);
-    uint16_t* srow = a.sums + static_cast<size_t>(y) * w * nd;
+    uint16_t* srow = second ? a.sums + static_cast<size_t>(y) * w * nd : st.sum_rows[slot].data();
     uint16_t* total = st.total.data();
     Winners& wn = *a.out;
     const WinnerRow out{wn.best.ptr<uint16_t>(y), wn.cost.ptr<uint16_t>(y), wn.second.ptr<uint16_t>(y),
@@ -349,30 +354,44 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y) {
 }
 
 template <class D, bool kEight>
-void PassRowVisit(D d, const PassArgs& a, PassState& st, int y, bool second) {
-    if (second) PassRowT<D, kEight, true>(d, a, st, y);
-    else PassRowT<D, kEight, false>(d, a, st, y);
+void PassRowVisit(D d, const PassArgs& a, PassState& st, int y, bool second, int slot) {
+    if (second) PassRowT<D, kEight, true>(d, a, st, y, slot);
+    else PassRowT<D, kEight, false>(d, a, st, y, slot);
 }
 
-void PassRow(const PassArgs& a, PassState& st, int y, bool second) {
+void PassRow(const PassArgs& a, PassState& st, int y, bool second, int slot) {
     const hn::ScalableTag<uint16_t> full;
     const hn::CappedTag<uint16_t, 16> capped;  // ndisp is a multiple of 16
     const bool use_full = a.pb->ndisp % hn::Lanes(full) == 0;
     if (a.pb->paths == 8) {
-        if (use_full) PassRowVisit<decltype(full), true>(full, a, st, y, second);
-        else PassRowVisit<decltype(capped), true>(capped, a, st, y, second);
+        if (use_full) PassRowVisit<decltype(full), true>(full, a, st, y, second, slot);
+        else PassRowVisit<decltype(capped), true>(capped, a, st, y, second, slot);
     } else {
-        if (use_full) PassRowVisit<decltype(full), false>(full, a, st, y, second);
-        else PassRowVisit<decltype(capped), false>(capped, a, st, y, second);
+        if (use_full) PassRowVisit<decltype(full), false>(full, a, st, y, second, slot);
+        else PassRowVisit<decltype(capped), false>(capped, a, st, y, second, slot);
     }
 }
 
-// Horizontal paths of row y0, and of row y1 too unless it is negative (first visits only).
+// Copies a finished row to its volume; streaming stores where the row is aligned for them, so
+// the volume neither evicts the working rows nor is read before it is written.
+template <class T>
+void StreamOut(const T* from, T* to, size_t count) {
+    const hn::ScalableTag<T> d;
+    const size_t n = hn::Lanes(d);
+    if (reinterpret_cast<uintptr_t>(to) % (n * sizeof(T)) != 0 || count % n != 0) {
+        std::memcpy(to, from, count * sizeof(T));
+        return;
+    }
+    for (size_t i = 0; i < count; i += n) hn::Stream(hn::LoadU(d, from + i), d, to + i);
+}
+
+// Horizontal paths of the first-visit rows y0 (slot 0) and y1 (slot 1, unless negative), then
+// both rows' costs and sums to the volumes.
 void HorizontalRows(const PassArgs& a, PassState& st, int y0, int y1) {
     const Problem& pb = *a.pb;
     const size_t plane = static_cast<size_t>(pb.width) * pb.ndisp;
-    const uint8_t* costs[2] = {a.costs + y0 * plane, a.costs + (y1 < 0 ? y0 : y1) * plane};
-    uint16_t* sums[2] = {a.sums + y0 * plane, a.sums + (y1 < 0 ? y0 : y1) * plane};
+    const uint8_t* costs[2] = {st.cost_rows[0].data(), st.cost_rows[1].data()};
+    uint16_t* sums[2] = {st.sum_rows[0].data(), st.sum_rows[1].data()};
     const hn::ScalableTag<uint16_t> full;
     const hn::CappedTag<uint16_t, 16> capped;
     const bool use_full = pb.ndisp % hn::Lanes(full) == 0;
@@ -383,6 +402,12 @@ void HorizontalRows(const PassArgs& a, PassState& st, int y0, int y1) {
         if (use_full) HorizontalPathsT<decltype(full), 2>(full, pb, st, costs, sums);
         else HorizontalPathsT<decltype(capped), 2>(capped, pb, st, costs, sums);
     }
+    const int rows[2] = {y0, y1};
+    for (int i = 0; i < (y1 < 0 ? 1 : 2); ++i) {
+        StreamOut(costs[i], a.costs + rows[i] * plane, plane);
+        StreamOut(sums[i], a.sums + rows[i] * plane, plane);
+    }
+    hwy::FlushStream();  // the other pass may read these rows as soon as they are marked done
 }
 
 // NOLINTNEXTLINE(google-readability-namespace-comments)
@@ -458,8 +483,8 @@ struct SimdMatcher::Impl {
     cv::Mat flipped, padded_left, padded_right;
     std::vector<uint8_t> planes_left, planes_right;
     size_t plane_size = 0, stride = 0, right_offset = 0;
-    std::vector<uint16_t> sums;
-    std::vector<uint8_t> costs;
+    hwy::AlignedFreeUniquePtr<uint16_t[]> sums;
+    hwy::AlignedFreeUniquePtr<uint8_t[]> costs;
     PassState pass[2];
     std::atomic<int> rows_done[2];  // pass 0: rows done from the top; pass 1: from the bottom
 
@@ -479,8 +504,8 @@ void SimdMatcher::Impl::resize(const Problem& p) {
     plane_size = stride * h;
     planes_left.assign(plane_size * 8, 0);
     planes_right.assign(plane_size * 8, 0);
-    sums.assign(static_cast<size_t>(w) * h * nd, 0);
-    costs.assign(static_cast<size_t>(w) * h * nd, 0);
+    sums = hwy::AllocateAligned<uint16_t>(static_cast<size_t>(w) * h * nd);
+    costs = hwy::AllocateAligned<uint8_t>(static_cast<size_t>(w) * h * nd);
     for (int i = 0; i < 2; ++i) {
         PassState& st = pass[i];
         st.dir = i == 0 ? 1 : -1;
@@ -492,6 +517,10 @@ void SimdMatcher::Impl::resize(const Problem& p) {
         for (int j = 0; j < 8; ++j) st.horiz[j].assign(ls, kGuard);
         st.zero.assign(ls, 0);
         st.total.assign(nd + kSlack, 0);
+        for (int j = 0; j < 2; ++j) {
+            st.cost_rows[j].assign(static_cast<size_t>(w) * nd + kSlack, 0);
+            st.sum_rows[j].assign(static_cast<size_t>(w) * nd + kSlack, 0);
+        }
     }
 }
 
@@ -538,7 +567,7 @@ void run_pass(MatchCtx& c, int which, int from, int to) {
             if (which == 0) wait_for(m.rows_done[1], h - y);
             else wait_for(m.rows_done[0], y + 1);
         }
-        HWY_DYNAMIC_DISPATCH(PassRow)(c.args, m.pass[which], y, second);
+        HWY_DYNAMIC_DISPATCH(PassRow)(c.args, m.pass[which], y, second, pending < 0 ? 0 : 1);
         if (!second) {
             if (pending < 0 && i + 1 < to && !is_second(row(i + 1))) {
                 pending = y;
@@ -566,7 +595,7 @@ void SimdMatcher::match(const cv::Mat& left, const cv::Mat& right, const Problem
 
     MatchCtx c{&m, {}, {}};
     c.args = PassArgs{&m.pb, m.planes_left.data(), m.planes_right.data(), m.plane_size, m.stride,
-                      m.right_offset, m.sums.data(), m.costs.data(), &out};
+                      m.right_offset, m.sums.get(), m.costs.get(), &out};
     c.census[0] = CensusJob{&m.padded_left, pb.width, pb.height, pb.census_w, pb.census_h, false,
                             m.planes_left.data(), m.plane_size, m.stride};
     c.census[1] = CensusJob{&m.padded_right, pb.width, pb.height, pb.census_w, pb.census_h, true,

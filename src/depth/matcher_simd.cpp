@@ -474,6 +474,36 @@ private:
 
 constexpr int kSlack = 64;  // columns beyond the image that a vector may touch
 
+// How many rows a pass has finished. A reader spins a little, then sleeps until told: on a
+// machine whose other core is busy the writer may not be running at all.
+class Progress {
+public:
+    void reset() { done_.store(0); }
+    void publish(int rows) {
+        done_.store(rows);  // sequentially consistent with the load of sleepers_ below
+        if (sleepers_.load() > 0) {
+            std::lock_guard<std::mutex> lock(mu_);
+            cv_.notify_all();
+        }
+    }
+    void wait_for(int rows) {
+        for (int spin = 0; spin < 2000; ++spin) {
+            if (done_.load(std::memory_order_acquire) >= rows) return;
+            if (spin % 64 == 63) std::this_thread::yield();
+        }
+        std::unique_lock<std::mutex> lock(mu_);
+        ++sleepers_;
+        cv_.wait(lock, [&] { return done_.load() >= rows; });
+        --sleepers_;
+    }
+
+private:
+    std::atomic<int> done_{0};
+    std::atomic<int> sleepers_{0};
+    std::mutex mu_;
+    std::condition_variable cv_;
+};
+
 }  // namespace
 
 struct SimdMatcher::Impl {
@@ -486,7 +516,7 @@ struct SimdMatcher::Impl {
     hwy::AlignedFreeUniquePtr<uint16_t[]> sums;
     hwy::AlignedFreeUniquePtr<uint8_t[]> costs;
     PassState pass[2];
-    std::atomic<int> rows_done[2];  // pass 0: rows done from the top; pass 1: from the bottom
+    Progress rows_done[2];  // pass 0: rows done from the top; pass 1: from the bottom
 
     void resize(const Problem& p);
 };
@@ -547,9 +577,6 @@ struct MatchCtx {
     CensusJob census[2];
 };
 
-void wait_for(const std::atomic<int>& done, int needed) {
-    while (done.load(std::memory_order_acquire) < needed) std::this_thread::yield();
-}
 
 // Pass 0 walks rows down, pass 1 up. Each row is visited by both; the first visitor leaves its
 // path sum in the sums volume, the second adds its own and picks the winners. Pass 0 visits the
@@ -564,8 +591,8 @@ void run_pass(MatchCtx& c, int which, int from, int to) {
         const int y = row(i);
         const bool second = is_second(y);
         if (second) {
-            if (which == 0) wait_for(m.rows_done[1], h - y);
-            else wait_for(m.rows_done[0], y + 1);
+            if (which == 0) m.rows_done[1].wait_for(h - y);
+            else m.rows_done[0].wait_for(y + 1);
         }
         HWY_DYNAMIC_DISPATCH(PassRow)(c.args, m.pass[which], y, second, pending < 0 ? 0 : 1);
         if (!second) {
@@ -577,7 +604,7 @@ void run_pass(MatchCtx& c, int which, int from, int to) {
                                                  pending < 0 ? -1 : y);
             pending = -1;
         }
-        m.rows_done[which].store(i + 1, std::memory_order_release);
+        m.rows_done[which].publish(i + 1);
     }
 }
 
@@ -614,7 +641,7 @@ void SimdMatcher::match(const cv::Mat& left, const cv::Mat& right, const Problem
 
     for (int i = 0; i < 2; ++i) {
         m.pass[i].has_prev = false;
-        m.rows_done[i].store(0);
+        m.rows_done[i].reset();
     }
     const int h = pb.height, mid = h / 2;
     if (threads <= 1) {

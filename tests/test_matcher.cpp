@@ -87,6 +87,7 @@ TEST(StereoMatcher, VectorPathEqualsScalarReference) {
         raw.uniqueness_ratio = 0;
         raw.lr_max_diff = -1;
         raw.speckle_window = 0;
+        raw.prefilter = false;
         expect_same_as_reference(left, right, raw, what.str() + " unfiltered");
         expect_same_as_reference(left, right, p, what.str());
     }

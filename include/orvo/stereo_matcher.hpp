@@ -15,6 +15,7 @@ struct MatcherParams {
     int num_disparities = 64;  // a positive multiple of 16
     int p1 = 30;               // penalty for a disparity change of one pixel
     int p2 = 250;              // penalty for larger changes; p1 < p2 <= 4000
+    bool prefilter = true;     // 3 x 3 binomial smoothing before the census (sensor noise)
     int census_width = 9;      // odd; census_width * census_height - 1 <= 64
     int census_height = 7;
     int paths = 4;             // 4 or 8 aggregation directions

@@ -47,6 +47,27 @@ void fresh(cv::Mat& m, int rows, int cols, int type) {
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
+// dst = src smoothed by [1 2 1] x [1 2 1] / 16 (rounded), the edge replicated. rows: scratch.
+void smooth3(const cv::Mat& src, cv::Mat& dst, std::vector<uint16_t>& rows) {
+    const int w = src.cols, h = src.rows;
+    dst.create(h, w, CV_8U);
+    rows.resize(static_cast<size_t>(w) * h);
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* s = src.ptr<uint8_t>(y);
+        uint16_t* o = rows.data() + static_cast<size_t>(y) * w;
+        o[0] = static_cast<uint16_t>(3 * s[0] + s[std::min(1, w - 1)]);
+        for (int x = 1; x < w - 1; ++x) o[x] = static_cast<uint16_t>(s[x - 1] + 2 * s[x] + s[x + 1]);
+        if (w > 1) o[w - 1] = static_cast<uint16_t>(s[w - 2] + 3 * s[w - 1]);
+    }
+    for (int y = 0; y < h; ++y) {
+        const uint16_t* a = rows.data() + static_cast<size_t>(std::max(y - 1, 0)) * w;
+        const uint16_t* b = rows.data() + static_cast<size_t>(y) * w;
+        const uint16_t* c = rows.data() + static_cast<size_t>(std::min(y + 1, h - 1)) * w;
+        uint8_t* o = dst.ptr<uint8_t>(y);
+        for (int x = 0; x < w; ++x) o[x] = static_cast<uint8_t>((a[x] + 2 * b[x] + c[x] + 8) >> 4);
+    }
+}
+
 }  // namespace
 
 struct StereoMatcher::Impl {
@@ -55,6 +76,8 @@ struct StereoMatcher::Impl {
     depth::Winners winners;
     std::vector<int> right_cost[2], right_k[2];  // per half of the image: the right view's winners
     cv::Mat disp16, speckle_buf;
+    cv::Mat smooth_left, smooth_right;
+    std::vector<uint16_t> smooth_rows;
     Depth out;
 
     int threads() const {
@@ -142,10 +165,18 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
             std::to_string(params.min_disparity) + ", num_disparities " +
             std::to_string(params.num_disparities) + ")");
 
+    const cv::Mat* l = &left;
+    const cv::Mat* r = &right;
+    if (params.prefilter) {
+        smooth3(left, smooth_left, smooth_rows);
+        smooth3(right, smooth_right, smooth_rows);
+        l = &smooth_left;
+        r = &smooth_right;
+    }
     if (params.scalar_reference)
-        depth::match_reference(left, right, pb, winners);
+        depth::match_reference(*l, *r, pb, winners);
     else
-        simd.match(left, right, pb, threads(), winners);
+        simd.match(*l, *r, pb, threads(), winners);
 
     fresh(out.disparity, pb.height, pb.width, CV_32F);
     fresh(out.confidence, pb.height, pb.width, CV_8U);

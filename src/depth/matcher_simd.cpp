@@ -1,4 +1,5 @@
-// The vectorised matcher: census, costs, aggregation in two opposite passes and WTA (Highway).
+// The matcher's vector kernels (Highway): census, costs, path aggregation and WTA, compiled for
+// several targets, the best chosen at run time.
 // Also compile for AVX-512 with VNNI/BITALG (one-instruction byte popcount), chosen at run time.
 #ifndef HWY_WANT_AVX3_DL
 #define HWY_WANT_AVX3_DL
@@ -10,64 +11,12 @@
 #include <hwy/aligned_allocator.h>
 #include <hwy/highway.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
-#include <thread>
 #include <vector>
 
 #include <opencv2/core.hpp>
 
-#include "depth/matcher_internal.h"
-
-#ifndef ORVO_DEPTH_MATCHER_SIMD_TYPES
-#define ORVO_DEPTH_MATCHER_SIMD_TYPES
-namespace orvo {
-namespace depth {
-
-// One aggregation block per pixel: guard lanes around the ndisp data lanes, so that the kernel
-// reads L(k-1) and L(k+1) with plain unaligned loads.
-constexpr int kGuardLanes = 8;
-constexpr uint16_t kGuard = 0xFFFF;
-
-struct CensusJob {
-    const cv::Mat* padded;  // the image with its edge replicated around it
-    int width, height, win_w, win_h;
-    bool mirrored;          // the image is flipped left-right: negate the window's dx
-    uint8_t* planes;        // byte b of the code of (x, y) at planes[b * plane_size + y * stride + x]
-    size_t plane_size, stride;
-};
-
-// Everything one aggregation pass keeps from row to row.
-struct PassState {
-    int dir = 1;  // +1: rows top to bottom, x left to right; -1: the opposite
-    bool has_prev = false;
-    int cur = 0;
-    std::vector<uint16_t> rows[3][2];     // straight, from x-1, from x+1: previous and current row
-    std::vector<uint16_t> mins[3][2];
-    std::vector<uint16_t> horiz[8];       // up to four horizontal chains: their last two pixels
-    std::vector<uint16_t> zero;           // the predecessor of a pixel that starts a path
-    std::vector<uint16_t> total;          // one pixel's summed costs
-    // A first-visit row's costs and sums stay here (in cache) until its horizontal paths are
-    // done, then go to the volumes with streaming stores; two rows are handled at a time.
-    std::vector<uint8_t> cost_rows[2];
-    std::vector<uint16_t> sum_rows[2];
-};
-
-struct PassArgs {
-    const Problem* pb;
-    const uint8_t* left_planes;   // census byte planes of the left image
-    const uint8_t* right_planes;  // of the flipped right image, shifted by right_offset columns
-    size_t plane_size, stride, right_offset;
-    uint16_t* sums;               // height x width x ndisp: the first pass over a row leaves its sum
-    uint8_t* costs;               // height x width x ndisp: the first pass over a row leaves its costs
-    Winners* out;
-};
-
-}  // namespace depth
-}  // namespace orvo
-#endif
+#include "depth/matcher_kernels.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace orvo {
@@ -424,236 +373,12 @@ HWY_EXPORT(CensusRows);
 HWY_EXPORT(PassRow);
 HWY_EXPORT(HorizontalRows);
 
-namespace {
-
-// Runs one job at a time on its own thread.
-class Worker {
-public:
-    Worker() : thread_([this] { loop(); }) {}
-    ~Worker() {
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            quit_ = true;
-        }
-        cv_.notify_all();
-        thread_.join();
-    }
-    void start(void (*fn)(void*), void* ctx) {
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            fn_ = fn;
-            ctx_ = ctx;
-        }
-        cv_.notify_all();
-    }
-    void wait() {
-        std::unique_lock<std::mutex> lock(mu_);
-        cv_.wait(lock, [this] { return fn_ == nullptr; });
-    }
-
-private:
-    void loop() {
-        std::unique_lock<std::mutex> lock(mu_);
-        for (;;) {
-            cv_.wait(lock, [this] { return quit_ || fn_ != nullptr; });
-            if (quit_) return;
-            lock.unlock();
-            fn_(ctx_);
-            lock.lock();
-            fn_ = nullptr;
-            cv_.notify_all();
-        }
-    }
-    std::mutex mu_;
-    std::condition_variable cv_;
-    void (*fn_)(void*) = nullptr;
-    void* ctx_ = nullptr;
-    bool quit_ = false;
-    std::thread thread_;
-};
-
-constexpr int kSlack = 64;  // columns beyond the image that a vector may touch
-
-// How many rows a pass has finished. A reader spins a little, then sleeps until told: on a
-// machine whose other core is busy the writer may not be running at all.
-class Progress {
-public:
-    void reset() { done_.store(0); }
-    void publish(int rows) {
-        done_.store(rows);  // sequentially consistent with the load of sleepers_ below
-        if (sleepers_.load() > 0) {
-            std::lock_guard<std::mutex> lock(mu_);
-            cv_.notify_all();
-        }
-    }
-    void wait_for(int rows) {
-        for (int spin = 0; spin < 2000; ++spin) {
-            if (done_.load(std::memory_order_acquire) >= rows) return;
-            if (spin % 64 == 63) std::this_thread::yield();
-        }
-        std::unique_lock<std::mutex> lock(mu_);
-        ++sleepers_;
-        cv_.wait(lock, [&] { return done_.load() >= rows; });
-        --sleepers_;
-    }
-
-private:
-    std::atomic<int> done_{0};
-    std::atomic<int> sleepers_{0};
-    std::mutex mu_;
-    std::condition_variable cv_;
-};
-
-}  // namespace
-
-struct SimdMatcher::Impl {
-    std::unique_ptr<Worker> worker;
-    Problem pb;
-    bool sized = false;
-    cv::Mat flipped, padded_left, padded_right;
-    std::vector<uint8_t> planes_left, planes_right;
-    size_t plane_size = 0, stride = 0, right_offset = 0;
-    hwy::AlignedFreeUniquePtr<uint16_t[]> sums;
-    hwy::AlignedFreeUniquePtr<uint8_t[]> costs;
-    PassState pass[2];
-    Progress rows_done[2];  // pass 0: rows done from the top; pass 1: from the bottom
-
-    void resize(const Problem& p);
-};
-
-// Buffers for a problem; kept while the image size and the disparity range stay the same.
-void SimdMatcher::Impl::resize(const Problem& p) {
-    const bool same = sized && p.width == pb.width && p.height == pb.height &&
-                      p.ndisp == pb.ndisp && p.min_disp == pb.min_disp;
-    pb = p;
-    if (same) return;
-    sized = true;
-    const int w = p.width, h = p.height, nd = p.ndisp, ls = nd + 2 * kGuardLanes;
-    right_offset = static_cast<size_t>(std::max(0, -p.min_disp));
-    stride = right_offset + w + std::max(0, p.min_disp) + nd + kSlack;
-    plane_size = stride * h;
-    planes_left.assign(plane_size * 8, 0);
-    planes_right.assign(plane_size * 8, 0);
-    sums = hwy::AllocateAligned<uint16_t>(static_cast<size_t>(w) * h * nd);
-    costs = hwy::AllocateAligned<uint8_t>(static_cast<size_t>(w) * h * nd);
-    for (int i = 0; i < 2; ++i) {
-        PassState& st = pass[i];
-        st.dir = i == 0 ? 1 : -1;
-        for (int r = 0; r < 3; ++r)
-            for (int j = 0; j < 2; ++j) {
-                st.rows[r][j].assign(static_cast<size_t>(w) * ls, kGuard);
-                st.mins[r][j].assign(w, 0);
-            }
-        for (int j = 0; j < 8; ++j) st.horiz[j].assign(ls, kGuard);
-        st.zero.assign(ls, 0);
-        st.total.assign(nd + kSlack, 0);
-        for (int j = 0; j < 2; ++j) {
-            st.cost_rows[j].assign(static_cast<size_t>(w) * nd + kSlack, 0);
-            st.sum_rows[j].assign(static_cast<size_t>(w) * nd + kSlack, 0);
-        }
-    }
+void census_rows(const CensusJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(CensusRows)(job, y0, y1); }
+void pass_row(const PassArgs& a, PassState& st, int y, bool second, int slot) {
+    HWY_DYNAMIC_DISPATCH(PassRow)(a, st, y, second, slot);
 }
-
-SimdMatcher::SimdMatcher() : impl_(new Impl) {}
-SimdMatcher::~SimdMatcher() { delete impl_; }
-
-void SimdMatcher::run_pair(int threads, void (*a)(void*), void (*b)(void*), void* ctx) {
-    if (threads <= 1) {
-        a(ctx);
-        b(ctx);
-        return;
-    }
-    if (!impl_->worker) impl_->worker = std::make_unique<Worker>();
-    impl_->worker->start(b, ctx);
-    a(ctx);
-    impl_->worker->wait();
-}
-
-namespace {
-
-struct MatchCtx {
-    SimdMatcher::Impl* m;
-    PassArgs args;
-    CensusJob census[2];
-};
-
-
-// Pass 0 walks rows down, pass 1 up. Each row is visited by both; the first visitor leaves its
-// path sum in the sums volume, the second adds its own and picks the winners. Pass 0 visits the
-// top half first, pass 1 the bottom half, so the two threads meet in the middle.
-void run_pass(MatchCtx& c, int which, int from, int to) {
-    SimdMatcher::Impl& m = *c.m;
-    const int h = m.pb.height, mid = h / 2;
-    auto row = [&](int i) { return which == 0 ? i : h - 1 - i; };
-    auto is_second = [&](int y) { return which == 0 ? y >= mid : y < mid; };
-    int pending = -1;  // a first-visit row whose horizontal paths wait for the next row's
-    for (int i = from; i < to; ++i) {
-        const int y = row(i);
-        const bool second = is_second(y);
-        if (second) {
-            if (which == 0) m.rows_done[1].wait_for(h - y);
-            else m.rows_done[0].wait_for(y + 1);
-        }
-        HWY_DYNAMIC_DISPATCH(PassRow)(c.args, m.pass[which], y, second, pending < 0 ? 0 : 1);
-        if (!second) {
-            if (pending < 0 && i + 1 < to && !is_second(row(i + 1))) {
-                pending = y;
-                continue;
-            }
-            HWY_DYNAMIC_DISPATCH(HorizontalRows)(c.args, m.pass[which], pending < 0 ? y : pending,
-                                                 pending < 0 ? -1 : y);
-            pending = -1;
-        }
-        m.rows_done[which].publish(i + 1);
-    }
-}
-
-}  // namespace
-
-void SimdMatcher::match(const cv::Mat& left, const cv::Mat& right, const Problem& pb, int threads,
-                        Winners& out) {
-    Impl& m = *impl_;
-    m.resize(pb);
-    out.create(pb.height, pb.width);
-    const int hw = pb.census_w / 2, hh = pb.census_h / 2;
-    cv::copyMakeBorder(left, m.padded_left, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
-    cv::flip(right, m.flipped, 1);
-    cv::copyMakeBorder(m.flipped, m.padded_right, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
-
-    MatchCtx c{&m, {}, {}};
-    c.args = PassArgs{&m.pb, m.planes_left.data(), m.planes_right.data(), m.plane_size, m.stride,
-                      m.right_offset, m.sums.get(), m.costs.get(), &out};
-    c.census[0] = CensusJob{&m.padded_left, pb.width, pb.height, pb.census_w, pb.census_h, false,
-                            m.planes_left.data(), m.plane_size, m.stride};
-    c.census[1] = CensusJob{&m.padded_right, pb.width, pb.height, pb.census_w, pb.census_h, true,
-                            m.planes_right.data() + m.right_offset, m.plane_size, m.stride};
-    run_pair(
-        threads,
-        [](void* p) {
-            auto& c = *static_cast<MatchCtx*>(p);
-            HWY_DYNAMIC_DISPATCH(CensusRows)(c.census[0], 0, c.census[0].height);
-        },
-        [](void* p) {
-            auto& c = *static_cast<MatchCtx*>(p);
-            HWY_DYNAMIC_DISPATCH(CensusRows)(c.census[1], 0, c.census[1].height);
-        },
-        &c);
-
-    for (int i = 0; i < 2; ++i) {
-        m.pass[i].has_prev = false;
-        m.rows_done[i].reset();
-    }
-    const int h = pb.height, mid = h / 2;
-    if (threads <= 1) {
-        run_pass(c, 0, 0, mid);
-        run_pass(c, 1, 0, h);
-        run_pass(c, 0, mid, h);
-        return;
-    }
-    run_pair(
-        threads, [](void* p) { run_pass(*static_cast<MatchCtx*>(p), 0, 0, static_cast<MatchCtx*>(p)->m->pb.height); },
-        [](void* p) { run_pass(*static_cast<MatchCtx*>(p), 1, 0, static_cast<MatchCtx*>(p)->m->pb.height); },
-        &c);
+void horizontal_rows(const PassArgs& a, PassState& st, int y0, int y1) {
+    HWY_DYNAMIC_DISPATCH(HorizontalRows)(a, st, y0, y1);
 }
 
 }  // namespace depth

@@ -16,8 +16,8 @@ struct MatcherParams {
     int p1 = 30;               // penalty for a disparity change of one pixel
     int p2 = 250;              // penalty for larger changes; p1 < p2 <= 4000
     bool prefilter = true;     // 3 x 3 binomial smoothing before the census (sensor noise)
-    int census_width = 9;      // odd; census_width * census_height - 1 <= 64
-    int census_height = 7;
+    int census_width = 7;      // odd; census_width * census_height - 1 <= 64
+    int census_height = 5;
     int paths = 4;             // 4 or 8 aggregation directions
     int uniqueness_ratio = 5;  // percent; 0 disables
     int lr_max_diff = 1;       // pixels; negative disables the left-right check

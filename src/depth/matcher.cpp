@@ -77,7 +77,7 @@ struct StereoMatcher::Impl {
     std::vector<int> right_cost[2], right_k[2];  // per half of the image: the right view's winners
     cv::Mat disp16, speckle_buf;
     cv::Mat smooth_left, smooth_right;
-    std::vector<uint16_t> smooth_rows;
+    std::vector<uint16_t> smooth_rows[2];
     Depth out;
 
     int threads() const {
@@ -168,8 +168,21 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
     const cv::Mat* l = &left;
     const cv::Mat* r = &right;
     if (params.prefilter) {
-        smooth3(left, smooth_left, smooth_rows);
-        smooth3(right, smooth_right, smooth_rows);
+        struct Job {
+            Impl* self;
+            const cv::Mat *left, *right;
+        } job{this, &left, &right};
+        simd.run_pair(
+            threads(),
+            [](void* j) {
+                auto* x = static_cast<Job*>(j);
+                smooth3(*x->left, x->self->smooth_left, x->self->smooth_rows[0]);
+            },
+            [](void* j) {
+                auto* x = static_cast<Job*>(j);
+                smooth3(*x->right, x->self->smooth_right, x->self->smooth_rows[1]);
+            },
+            &job);
         l = &smooth_left;
         r = &smooth_right;
     }

@@ -356,7 +356,9 @@ bool saveScene(const std::string& path, const Scene& s, std::string* error) {
         const SceneRender& g = s.render;
         fs << "render" << "{" << "samples" << g.samples << "light_direction" << g.light_direction
            << "ambient" << g.ambient << "diffuse" << g.diffuse << "background" << g.background
-           << "follow_motion" << int(g.follow_motion) << "noise" << g.noise << "}";
+           << "follow_motion" << int(g.follow_motion);
+        if (g.noise > 0) fs << "noise" << g.noise;  // noiseless scenes keep their files as before
+        fs << "}";
         fs << "objects" << "[";
         for (const SceneObject& o : s.objects) writeObject(fs, o);
         fs << "]";

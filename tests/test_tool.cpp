@@ -134,6 +134,19 @@ TEST(ToolInfo, ReportsTheVirtualNodeAndSavesItsCalibration) {
     EXPECT_TRUE(readYML(dir.file("calib/intrinsics.yml"), ZUNCV_INTRINSICS, in));
 }
 
+// The virtual node's row with its card and bus, free; and busy when the driver says another open
+// file owns the queue (EBUSY to a request for buffers), which is how the listing tells.
+TEST(ToolList, ListsTheVirtualNodeFreeOrBusy) {
+    const std::string card = " +Orvo Stereo Camera \\(virtual\\) +platform:orvo-vcam\n";
+    Result r = tool({"list", "--virtual=pattern"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("NODE ", 0), 0u) << r.out;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("\n/dev/orvo-virtual0 +free" + card))) << r.out;
+    r = tool({"list", "--virtual=pattern"}, {{"ORVO_VCAM_FAULTS", "REQBUFS=EBUSY"}});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("\n/dev/orvo-virtual0 +busy" + card))) << r.out;
+}
+
 TEST(ToolGrab, WritesOriginalAndRectifiedPairsWithGuideLines) {
     orvo_test::ScratchDir dir;
     Result r = tool({"grab", "--virtual", "--frames", "2", "--separate", "--quiet", "--out", dir.path()});

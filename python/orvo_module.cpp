@@ -38,7 +38,7 @@ std::chrono::milliseconds to_ms(double seconds) {
 
 // A NumPy array over a cv::Mat's pixels, without a copy. `owner` is the Python object that keeps
 // the Mat (and so its memory) alive; it becomes the array's .base.
-py::array mat_view(const cv::Mat& m, py::handle owner) {
+py::object mat_view(const cv::Mat& m, py::handle owner) {
     if (m.empty()) return py::none();
     py::dtype dt;
     switch (m.depth()) {
@@ -61,7 +61,7 @@ py::array mat_view(const cv::Mat& m, py::handle owner) {
 
 // A small matrix (calibration) as a fresh float64 array: a copy, since those are tiny and Python
 // code is free to change them.
-py::array mat_copy(const cv::Mat& m) {
+py::object mat_copy(const cv::Mat& m) {
     if (m.empty()) return py::none();
     cv::Mat d;
     m.convertTo(d, CV_64F);

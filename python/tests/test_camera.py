@@ -92,10 +92,11 @@ def test_errors_carry_errno_and_unplug_ends_in_none(vcam, monkeypatch):
         assert cam.state == orvo.CameraState.disconnected
         assert cam.stats.last_errno == errno.ENODEV
 
-    # Other C++ exceptions arrive as Python ones, not as aborts.
-    with pytest.raises(ValueError, match="num_disparities"):
+    # The matcher's own errors are orvo.Error too; other C++ exceptions arrive as Python ones, not as aborts.
+    with pytest.raises(orvo.Error, match="num_disparities") as bad:
         orvo.StereoMatcher(num_disparities=10).compute(np.zeros((8, 8), np.uint8),
                                                        np.zeros((8, 8), np.uint8))
+    assert bad.value.errno == errno.EINVAL
     with pytest.raises(TypeError):
         orvo.StereoMatcher().compute(np.zeros((8, 8), np.float32), np.zeros((8, 8), np.uint8))
     with pytest.raises(orvo.Error) as unwritable:

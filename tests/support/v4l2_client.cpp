@@ -1,6 +1,8 @@
 // A bare V4L2 capture client for the tests.
 #include "v4l2_client.h"
 
+#include "v4l2_io.h"
+
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -25,15 +27,6 @@ ScopedEnv::~ScopedEnv() {
         if (it->second.first) setenv(it->first.c_str(), it->second.second.c_str(), 1);
         else unsetenv(it->first.c_str());
     }
-}
-
-static v4l2_buffer captureBuffer(uint32_t index = 0) {
-    v4l2_buffer b;
-    std::memset(&b, 0, sizeof b);
-    b.index = index;
-    b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    b.memory = V4L2_MEMORY_MMAP;
-    return b;
 }
 
 V4l2Client::V4l2Client(const char* path, int flags) {
@@ -76,7 +69,7 @@ int V4l2Client::requestBuffers(uint32_t count, uint32_t* granted) {
 }
 
 int V4l2Client::query(uint32_t index, v4l2_buffer* b) {
-    *b = captureBuffer(index);
+    *b = orvo::v4l2::captureBuffer(index);
     return call(VIDIOC_QUERYBUF, b);
 }
 
@@ -99,7 +92,7 @@ void V4l2Client::unmapAll() {
 }
 
 int V4l2Client::queue(uint32_t index, v4l2_buffer* out) {
-    v4l2_buffer b = captureBuffer(index);
+    v4l2_buffer b = orvo::v4l2::captureBuffer(index);
     int e = call(VIDIOC_QBUF, &b);
     if (out) *out = b;
     return e;
@@ -122,7 +115,7 @@ int V4l2Client::streamOff() {
 }
 
 int V4l2Client::dequeue(v4l2_buffer* b) {
-    *b = captureBuffer();
+    *b = orvo::v4l2::captureBuffer(0);
     return call(VIDIOC_DQBUF, b);
 }
 

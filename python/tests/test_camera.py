@@ -126,7 +126,9 @@ def test_grab_releases_the_gil_and_two_threads_share_the_stream(vcam, monkeypatc
             time.sleep(0.005)
             ticks.append(time.monotonic())
         t.join()
-        assert len(ticks) > 20 and max(np.diff(ticks)) < 0.06
+        # Holding the GIL would space the ticks a whole grab (~0.1 s) apart; the median is robust
+        # to the odd late tick on a loaded machine.
+        assert len(ticks) > 20 and np.median(np.diff(ticks)) < 0.04, np.diff(ticks)
 
     monkeypatch.setenv("ORVO_VCAM_FPS", "0")
     with orvo.Camera(vcam) as cam:

@@ -52,7 +52,7 @@ int runView(int argc, char** argv, int first) {
     orvo::CameraOptions options;
     options.intrinsics_file = session.calibration().intrinsics;
     options.extrinsics_file = session.calibration().extrinsics;
-    options.queue_depth = 1;  // the viewer wants the newest frame, never a backlog
+    options.queue_depth = 8;  // the loop drains it each turn: newest images, every IMU sample
     orvo::Camera camera(session.device().path, options);
     orvo_viewer::LivePipeline pipeline(camera, camera.calibration());
     std::unique_ptr<orvo_viewer::ViewerServer> server;

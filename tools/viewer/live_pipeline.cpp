@@ -90,7 +90,6 @@ std::string encodeCloud(const cv::Mat& points, const cv::Mat& grey, int step) {
 LivePipeline::LivePipeline(orvo::Camera& camera, const orvo::Calibration* calibration)
     : camera_(camera), calibration_(calibration) {
     if (!calibration_) settings_.matcher = settings_.rectify = false;
-    rate_window_start_ns_ = nowNs();
     thread_ = std::thread([this] { run(); });
 }
 
@@ -145,26 +144,36 @@ std::string LivePipeline::healthJson() const {
     return text;
 }
 
-// Rates over windows of about a second: frames the loop received and frames it published.
+// Rates over the last few seconds: frames the camera's capture thread delivered (whether or not
+// this loop kept up with them) and frames the loop published. A device that delivers in bursts
+// (the virtual camera when the machine is busy) still reads as its average, not as 0 between bursts.
 void LivePipeline::updateRates(uint64_t now_ns) {
-    const double seconds = double(now_ns - rate_window_start_ns_) * 1e-9;
-    if (seconds < 1.0) return;
-    camera_fps_ = double(frames_in_window_) / seconds;
-    viewer_fps_ = double(published_in_window_) / seconds;
-    frames_in_window_ = published_in_window_ = 0;
-    rate_window_start_ns_ = now_ns;
+    constexpr uint64_t kTickNs = 250'000'000, kSpanNs = 3'000'000'000;
+    if (!rate_ticks_.empty() && now_ns - rate_ticks_.back().ns < kTickNs) return;
+    rate_ticks_.push_back({now_ns, camera_.stats().frames, publications_});
+    while (rate_ticks_.size() > 2 && now_ns - rate_ticks_[1].ns >= kSpanNs) rate_ticks_.pop_front();
+    const RateTick& first = rate_ticks_.front();
+    const double seconds = double(now_ns - first.ns) * 1e-9;
+    if (seconds < 0.9) return;
+    camera_fps_ = double(rate_ticks_.back().delivered - first.delivered) / seconds;
+    viewer_fps_ = double(publications_ - first.published) / seconds;
 }
 
 void LivePipeline::run() {
     std::string imu_json;  // samples not yet sent, as JSON rows [t, gx, gy, gz, ax, ay, az, roll, pitch, yaw]
     while (!stop_) {
+        // Every queued frame's IMU samples are used; only the newest frame's images are.
         std::optional<orvo::Frame> frame = camera_.grab(std::chrono::milliseconds(200));
+        std::vector<orvo::ImuSample> samples;
+        for (std::optional<orvo::Frame> next = frame; next; next = camera_.grab(std::chrono::milliseconds(0))) {
+            samples.insert(samples.end(), next->imu.begin(), next->imu.end());
+            frame = std::move(next);
+        }
         ViewerSettings s;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (frame) {
-                ++frames_in_window_;
-                for (const orvo::ImuSample& sample : frame->imu) {
+                for (const orvo::ImuSample& sample : samples) {
                     attitude_.update(sample);
                     char row[200];
                     std::snprintf(row, sizeof row, "%s[%.4f,%.4f,%.4f,%.4f,%.3f,%.3f,%.3f,%.2f,%.2f,%.2f]",
@@ -232,7 +241,7 @@ void LivePipeline::publish(const orvo::Frame& frame, const ViewerSettings& s, st
     std::lock_guard<std::mutex> lock(mutex_);
     p->version = latest_ ? latest_->version + 1 : 1;
     matcher_ms_ = matcher_ms;
-    ++published_in_window_;
+    ++publications_;
     latest_ = std::move(p);
     published_.notify_all();
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -78,7 +79,11 @@ private:
     std::shared_ptr<const Products> latest_;
     ViewerSettings settings_;
     double camera_fps_ = 0, viewer_fps_ = 0, matcher_ms_ = 0;
-    uint64_t rate_window_start_ns_ = 0, frames_in_window_ = 0, published_in_window_ = 0;
+    struct RateTick {
+        uint64_t ns, delivered, published;
+    };
+    std::deque<RateTick> rate_ticks_;  // a few per second over the last seconds (see updateRates)
+    uint64_t publications_ = 0;
 
     std::atomic<bool> stop_{false};
     std::thread thread_;

@@ -3,10 +3,11 @@
 # puppeteer-core) or `burst` (hostile traffic on loopback). Exits 77 (skipped) when what the test
 # needs is not installed. Usage: run.sh browser|burst ORVO OUT_DIR DATA_DIR
 set -euo pipefail
-kind=$1 orvo=$2 out=$3 data=$4
+kind=$1
 here=$(cd "$(dirname "$0")" && pwd)
+mkdir -p "$3/node"
+orvo=$(realpath "$2") out=$(realpath "$3") data=$(realpath "$4")  # the tests run from $out/node
 command -v node >/dev/null || { echo "SKIPPED: node is not installed (apt-get install nodejs npm)"; exit 77; }
-mkdir -p "$out/node"
 cp "$here"/*.mjs "$here/package.json" "$here/package-lock.json" "$out/node/"
 cd "$out/node"
 if [ "$kind" = burst ]; then

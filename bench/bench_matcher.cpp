@@ -13,7 +13,8 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core/utility.hpp>
 
-#include "../tests/support/stereo_scene.h"
+#include "paired_timing.h"
+#include "stereo_scene.h"  // the tests' rendered pairs with per-pixel truth
 #include "orvo/stereo_matcher.hpp"
 
 namespace {
@@ -22,17 +23,6 @@ const orvo_test::StereoPair& scene() {
     static const cv::Size size(752, 480);
     static const orvo_test::StereoPair pair = orvo_test::render(size, orvo_test::default_layers(size), 7);
     return pair;
-}
-
-double cpu_ms() {
-    timespec ts;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
-}
-
-double median(std::vector<double> v) {
-    std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
-    return v[v.size() / 2];
 }
 
 cv::Ptr<cv::StereoSGBM> sgbm(int mode) {
@@ -92,29 +82,8 @@ void BM_VsSgbm3Way(benchmark::State& state) {
     const cv::Mat& r = scene().right;
     op.run(l, r);
     base.run(l, r);
-    std::vector<double> op_ms, base_ms, ratio, op_cpu, base_cpu, cpu_ratio;
-    for (auto _ : state) {
-        auto t0 = std::chrono::steady_clock::now();
-        double c0 = cpu_ms();
-        base.run(l, r);
-        auto t1 = std::chrono::steady_clock::now();
-        double c1 = cpu_ms();
-        op.run(l, r);
-        auto t2 = std::chrono::steady_clock::now();
-        double c2 = cpu_ms();
-        base_ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
-        op_ms.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
-        base_cpu.push_back(c1 - c0);
-        op_cpu.push_back(c2 - c1);
-        ratio.push_back(op_ms.back() / base_ms.back());
-        cpu_ratio.push_back(op_cpu.back() / base_cpu.back());
-    }
-    state.counters["base_ms"] = median(base_ms);
-    state.counters["op_ms"] = median(op_ms);
-    state.counters["ratio"] = median(ratio);
-    state.counters["base_cpu_ms"] = median(base_cpu);
-    state.counters["op_cpu_ms"] = median(op_cpu);
-    state.counters["cpu_ratio"] = median(cpu_ratio);
+    orvo_bench::paired(state, [&] { benchmark::DoNotOptimize(op.run(l, r).data); },
+                       [&] { benchmark::DoNotOptimize(base.run(l, r).data); });
 }
 BENCHMARK(BM_VsSgbm3Way)->DenseRange(0, 4)->Iterations(30)->Unit(benchmark::kMillisecond)->UseRealTime();
 

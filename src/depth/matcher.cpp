@@ -1,9 +1,11 @@
 // orvo::StereoMatcher: checks, the choice of implementation, and the per-pixel decisions after WTA.
 #include "orvo/stereo_matcher.hpp"
 
+#include "orvo/error.hpp"
+
 #include <cmath>
 #include <limits>
-#include <stdexcept>
+#include <cerrno>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,7 +19,7 @@ namespace orvo {
 namespace {
 
 [[noreturn]] void bad(const std::string& what) {
-    throw std::invalid_argument("orvo::StereoMatcher: " + what);
+    throw orvo::Error(EINVAL, "orvo::StereoMatcher: " + what);
 }
 
 void check_params(const MatcherParams& p) {

@@ -7,10 +7,10 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <stdexcept>
 #include <system_error>
 #include <vector>
 
+#include "orvo/error.hpp"
 #include "orvo/stereo_matcher.hpp"
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the writers store host floats as little-endian");
@@ -22,9 +22,9 @@ namespace orvo {
 // std::invalid_argument for a disparity that is not CV_32F or a geometry without positive fx, fy.
 void disparity_to_depth(const cv::Mat& disparity, const StereoGeometry& g, cv::Mat& depth,
                         cv::Mat& points) {
-    if (disparity.type() != CV_32F) throw std::invalid_argument("orvo::disparity_to_depth: the disparity must be CV_32F");
+    if (disparity.type() != CV_32F) throw orvo::Error(EINVAL, "orvo::disparity_to_depth: the disparity must be CV_32F");
     if (!(g.fx > 0) || !(g.fy > 0))
-        throw std::invalid_argument("orvo::disparity_to_depth: the geometry needs positive fx and fy");
+        throw orvo::Error(EINVAL, "orvo::disparity_to_depth: the geometry needs positive fx and fy");
     depth.create(disparity.size(), CV_32F);
     points.create(disparity.size(), CV_32FC3);
     const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -56,10 +56,10 @@ struct FileCloser {
 
 void check_cloud(const char* who, const cv::Mat& points, const cv::Mat& colour) {
     if (points.empty() || points.type() != CV_32FC3)
-        throw std::invalid_argument(std::string(who) + ": the points must be a non-empty CV_32FC3 matrix");
+        throw orvo::Error(EINVAL, std::string(who) + ": the points must be a non-empty CV_32FC3 matrix");
     if (!colour.empty() && (colour.size() != points.size() ||
                             (colour.type() != CV_8UC1 && colour.type() != CV_8UC3)))
-        throw std::invalid_argument(std::string(who) +
+        throw orvo::Error(EINVAL, std::string(who) +
                                     ": the colour image must be CV_8UC1 or CV_8UC3 (BGR) of the "
                                     "points' size");
 }
@@ -97,8 +97,8 @@ std::size_t write_cloud(const char* who, const std::string& path, const std::str
                         MakeColour make_colour) {
     std::unique_ptr<std::FILE, FileCloser> f(std::fopen(path.c_str(), "wb"));
     auto fail = [&](int err) {
-        throw std::system_error(err, std::generic_category(),
-                                std::string(who) + ": cannot write " + path);
+        throw orvo::Error(err, std::string(who) + ": cannot write " + path +
+                                   " (does the folder exist, and may you write there?)");
     };
     if (!f) fail(errno);
     if (std::fwrite(header.data(), 1, header.size(), f.get()) != header.size()) fail(errno);

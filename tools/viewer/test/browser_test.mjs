@@ -3,7 +3,7 @@
 // downloads. Screenshots go to the output directory.
 import fs from 'node:fs';
 import path from 'node:path';
-import puppeteer from 'puppeteer-core';
+import { launchChromium } from './browser.mjs';
 import { startViewer } from './server_process.mjs';
 
 const [orvo, outDir, dataDir, chromium = '/usr/bin/chromium'] = process.argv.slice(2);
@@ -47,11 +47,7 @@ const sceneText = fs.readFileSync(path.join(dataDir, 'default_scene', 'scene.yml
 const scene = path.join(outDir, 'swaying_scene.yml');
 fs.writeFileSync(scene, sceneText);
 const server = await startViewer(orvo, scene);
-const browser = await puppeteer.launch({
-  executablePath: chromium, headless: true,
-  args: ['--no-sandbox', '--no-proxy-server', '--enable-unsafe-swiftshader', '--use-angle=swiftshader', '--window-size=1400,1000'],
-  defaultViewport: { width: 1400, height: 1000 },
-});
+const browser = await launchChromium(outDir, chromium);
 const errors = [];
 try {
   const page = await browser.newPage();
@@ -99,6 +95,21 @@ try {
   await page.click('#matcher');
   const on = await until(x => x.depth.lit > 0.5);
   check(on.depth.lit > 0.5, 'matcher on brings the disparity back');
+
+  // Rectify off: the server's settings come back with it (the titles follow them); a wider
+  // disparity range relabels the colour bar.
+  const title = () => page.$eval('#left-title', e => e.textContent);
+  await page.click('#rectify');
+  await page.waitForFunction(() => /raw/.test(document.getElementById('left-title').textContent), { timeout: 30000 });
+  check(/raw/.test(await title()), `rectify off: the title says so (${await title()})`);
+  await page.click('#rectify');
+  const labels = () => page.$eval('#scale-labels', e => e.textContent);
+  const before = await labels();
+  await page.select('#disparities', '128');
+  let after = before;
+  for (let i = 0; i < 120 && after === before; i++) { await sleep(250); after = await labels(); }
+  check(after !== before, `range 128 relabels the colour bar (${before} -> ${after})`);
+  await page.select('#disparities', '64');
 
   await page.click('#snapshot');
   const want = f => /\.png$/.test(f) || /\.ply$/.test(f);

@@ -1,7 +1,7 @@
 // Starts `orvo view --virtual` on a free loopback port for a test and stops it again.
 import { spawn } from 'node:child_process';
 
-// Resolves to { url, port, stop() } once the server has printed its address. `scene`: a scene
+// Resolves to { url, port, pid, stop() } once the server has printed its address. `scene`: a scene
 // file for the virtual camera (its built-in, still scene otherwise).
 export function startViewer(orvo, scene = '') {
   return new Promise((resolve, reject) => {
@@ -23,7 +23,7 @@ export function startViewer(orvo, scene = '') {
         child.on('exit', code => { clearTimeout(kill); done(code); });
         child.kill('SIGTERM');
       });
-      resolve({ url: m[0], port: Number(m[1]), stop, stderr: () => stderr });
+      resolve({ url: m[0], port: Number(m[1]), pid: child.pid, stop, stderr: () => stderr });
     });
   });
 }

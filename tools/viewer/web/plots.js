@@ -1,6 +1,8 @@
 // Strip charts of the last seconds of IMU data, drawn on a 2-D canvas.
 'use strict';
 
+const kGapSeconds = 0.1;  // samples further apart than this are not joined
+
 class StripChart {
   // names and colours of the series; `seconds` of history are kept and shown.
   constructor(canvas, names, colours, seconds) {
@@ -41,7 +43,9 @@ class StripChart {
     }
     for (let i = 0; i < this.names.length; i++) {
       g.strokeStyle = this.colours[i]; g.lineWidth = 1.5; g.beginPath();
-      this.samples.forEach((s, k) => (k ? g.lineTo(x(s[0]), y(s[i + 1])) : g.moveTo(x(s[0]), y(s[i + 1]))));
+      // A gap (frames the device dropped, with their samples) stays a gap, not a straight line.
+      this.samples.forEach((s, k) => (k && s[0] - this.samples[k - 1][0] < kGapSeconds
+        ? g.lineTo(x(s[0]), y(s[i + 1])) : g.moveTo(x(s[0]), y(s[i + 1]))));
       g.stroke();
       g.fillStyle = this.colours[i];
       g.fillText(this.names[i] + ' ' + this.samples[this.samples.length - 1][i + 1].toFixed(2), left + 8 + i * 110, 14);

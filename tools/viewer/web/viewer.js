@@ -45,7 +45,13 @@ function fetchCloud() {
 function onFrame(t) {
   $('frame').textContent = 'frame ' + t.sequence;
   const n = t.nearest;
-  $('nearest').textContent = n.found ? `nearest ${n.z.toFixed(2)} m (x ${n.x.toFixed(2)}, y ${n.y.toFixed(2)})` : 'nearest: none in box';
+  if (n.found) {
+    $('nearest').replaceChildren(metres(n.z), Object.assign(document.createElement('small'),
+      { textContent: `ahead; ${Math.abs(n.x).toFixed(2)} m ${n.x < 0 ? 'left' : 'right'} of and ` +
+                     `${Math.abs(n.y).toFixed(2)} m ${n.y < 0 ? 'above' : 'below'} the optical axis` }));
+  } else {
+    $('nearest').textContent = settings && !settings.matcher ? 'matcher off' : 'nothing in range';
+  }
   for (const s of t.imu) {
     gyro.push(s[0], s.slice(1, 4));
     accel.push(s[0], s.slice(4, 7));
@@ -55,12 +61,23 @@ function onFrame(t) {
   fetchCloud();
 }
 
+// The health table: what the camera and the loop are doing, counters since the start.
 function onHealth(h) {
-  const bad = h.state !== 'streaming' ? ' class="bad"' : '';
-  $('health').innerHTML =
-    `<span${bad}>${h.state}</span> \u00b7 camera ${h.camera_fps.toFixed(1)} fps \u00b7 viewer ${h.viewer_fps.toFixed(1)} fps` +
-    ` \u00b7 matcher ${h.matcher_ms.toFixed(0)} ms \u00b7 drops ${h.drops} \u00b7 discarded ${h.discarded}` +
-    ` \u00b7 reconnects ${h.reconnects}`;
+  $('state').textContent = h.state;
+  $('state').classList.toggle('bad', h.state !== 'streaming');
+  const rows = [
+    ['camera', h.camera_fps.toFixed(1) + ' fps'], ['viewer', h.viewer_fps.toFixed(1) + ' fps'],
+    ['matcher', h.settings.matcher ? h.matcher_ms.toFixed(0) + ' ms' : 'off'], ['frames', h.frames],
+    ['drops', h.drops, h.drops > 0], ['discarded', h.discarded], ['incomplete', h.incomplete, h.incomplete > 0],
+    ['reconnects', h.reconnects, h.reconnects > 0], ['streams open', h.watchers]];
+  $('health').replaceChildren(...rows.map(([name, value, bad]) => {
+    const tr = document.createElement('tr');
+    tr.append(Object.assign(document.createElement('td'), { textContent: name }),
+              Object.assign(document.createElement('td'), { textContent: String(value), className: bad ? 'bad' : '' }));
+    return tr;
+  }));
+  $('left-title').textContent = h.settings.rectify ? 'left (rectified)' : 'left (raw)';
+  $('right-title').textContent = h.settings.rectify ? 'right (rectified)' : 'right (raw)';
   settings = h.settings;
   $('matcher').checked = settings.matcher;
   $('matcher').disabled = $('rectify').disabled = $('disparities').disabled = !h.depth_available;
@@ -74,7 +91,7 @@ function connectEvents() {
   const events = new EventSource('/events');
   events.addEventListener('frame', e => onFrame(JSON.parse(e.data)));
   events.addEventListener('health', e => onHealth(JSON.parse(e.data)));
-  events.onerror = () => { $('health').innerHTML = '<span class="bad">connection lost, retrying</span>'; };
+  events.onerror = () => { $('state').textContent = 'connection lost, retrying'; $('state').classList.add('bad'); };
 }
 connectEvents();
 

@@ -30,7 +30,8 @@ int runView(int argc, char** argv, int first) {
     server_options.port = args.count("port", 8080);
     if (server_options.port > 65535) throw UsageError("--port: at most 65535");
     server_options.bind = args.text("bind", "127.0.0.1");
-    if (server_options.bind != "127.0.0.1" && server_options.bind != "localhost" && server_options.bind != "::1")
+    const std::string& bind = server_options.bind;
+    if (bind.rfind("127.", 0) != 0 && bind != "localhost" && bind != "::1")
         std::fprintf(stderr,
                      "orvo view: warning: listening on %s: anyone who can reach this address sees the camera "
                      "and can change the viewer's settings (there is no password)\n",
@@ -52,7 +53,7 @@ int runView(int argc, char** argv, int first) {
     orvo::CameraOptions options;
     options.intrinsics_file = session.calibration().intrinsics;
     options.extrinsics_file = session.calibration().extrinsics;
-    options.queue_depth = 8;  // the loop drains it each turn: newest images, every IMU sample
+    options.queue_depth = 16;  // the loop drains it each turn: newest images, every IMU sample
     orvo::Camera camera(session.device().path, options);
     orvo_viewer::LivePipeline pipeline(camera, camera.calibration());
     std::unique_ptr<orvo_viewer::ViewerServer> server;

@@ -126,6 +126,18 @@ struct ViewerServer::Impl {
         }
     };
 
+    // A held slot for a new stream, or null with a 503 already in `res` when all are taken.
+    std::shared_ptr<StreamSlot> openStream(httplib::Response& res) {
+        auto slot = std::make_shared<StreamSlot>(*this);
+        if (!slot->held) {
+            res.status = 503;
+            res.set_content("too many streams\n", "text/plain");
+            return nullptr;
+        }
+        res.set_header("Cache-Control", "no-store");
+        return slot;
+    }
+
     void routes();
     void imageStream(httplib::Response& res, std::string Products::*image);
     void events(httplib::Response& res);
@@ -135,13 +147,8 @@ struct ViewerServer::Impl {
 // One JPEG after another in a multipart response; with nothing new within a second the last one
 // is sent again, which also finds out early when the client has gone.
 void ViewerServer::Impl::imageStream(httplib::Response& res, std::string Products::*image) {
-    auto slot = std::make_shared<StreamSlot>(*this);
-    if (!slot->held) {
-        res.status = 503;
-        res.set_content("too many streams\n", "text/plain");
-        return;
-    }
-    res.set_header("Cache-Control", "no-store");
+    std::shared_ptr<StreamSlot> slot = openStream(res);
+    if (!slot) return;
     res.set_chunked_content_provider(
         "multipart/x-mixed-replace; boundary=orvoframe",
         [this, slot, image, last = uint64_t(0)](size_t, httplib::DataSink& sink) mutable {
@@ -161,13 +168,8 @@ void ViewerServer::Impl::imageStream(httplib::Response& res, std::string Product
 
 // Server-sent events: "frame" with each publication's telemetry, "health" twice a second.
 void ViewerServer::Impl::events(httplib::Response& res) {
-    auto slot = std::make_shared<StreamSlot>(*this);
-    if (!slot->held) {
-        res.status = 503;
-        res.set_content("too many streams\n", "text/plain");
-        return;
-    }
-    res.set_header("Cache-Control", "no-store");
+    std::shared_ptr<StreamSlot> slot = openStream(res);
+    if (!slot) return;
     using Clock = std::chrono::steady_clock;
     res.set_chunked_content_provider(
         "text/event-stream",

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs one of the viewer's tests against a built orvo: `browser` (system chromium through
-# puppeteer-core) or `burst` (hostile traffic on loopback). Exits 77 (skipped) when what the test
-# needs is not installed. Usage: run.sh browser|burst ORVO OUT_DIR DATA_DIR
+# puppeteer-core) or `burst` (hostile traffic on loopback); `measure` prints what one open page
+# costs the camera loop. Exits 77 (skipped) when what the test needs is not installed.
+# Usage: run.sh browser|burst|measure ORVO OUT_DIR DATA_DIR
 set -euo pipefail
 kind=$1
 here=$(cd "$(dirname "$0")" && pwd)
@@ -19,6 +20,9 @@ command -v npm >/dev/null || { echo "SKIPPED: npm is not installed (apt-get inst
 if ! cmp -s package-lock.json node_modules/.package-lock.json.copy 2>/dev/null; then
   PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error
   cp package-lock.json node_modules/.package-lock.json.copy
+fi
+if [ "$kind" = measure ]; then
+  exec node measure.mjs "$orvo" "$out"
 fi
 node browser_test.mjs "$orvo" "$out" "$data"
 echo "screenshots: $out/viewer.png $out/viewer_live.png"

@@ -1,10 +1,12 @@
 // orvo view: a live viewer served over HTTP, for a robot without a screen; runs until interrupted.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <stdexcept>
+#include <string>
 
 #include <orvo/orvo.hpp>
 
@@ -63,9 +65,16 @@ int runView(int argc, char** argv, int first) {
         throw RunError(e.what());
     }
     server->start();
-    const bool v6 = server_options.bind.find(':') != std::string::npos;
-    std::printf("orvo view: %s on http://%s%s%s:%d/ (Ctrl-C to stop)\n", session.describe().c_str(),
-                v6 ? "[" : "", server_options.bind.c_str(), v6 ? "]" : "", server->port());
+    // Listening on every address: the machine's name is what a browser elsewhere can open.
+    std::string host = bind;
+    if (bind == "0.0.0.0" || bind == "::") {
+        char name[256] = "";
+        host = gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "THIS-MACHINE";
+    } else if (bind.find(':') != std::string::npos) {
+        host = "[" + bind + "]";
+    }
+    std::printf("orvo view: %s on http://%s:%d/ (Ctrl-C to stop)\n", session.describe().c_str(), host.c_str(),
+                server->port());
     std::fflush(stdout);
 
     int signal_number = -1;

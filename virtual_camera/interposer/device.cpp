@@ -47,7 +47,7 @@ Device::~Device() {
 
 bool Device::init(int memfd, std::string* error) {
     struct stat st;
-    if (fstat(memfd, &st) != 0) {
+    if (real::fstat(memfd, &st) != 0) {
         *error = std::string("cannot use the buffer memory: ") + std::strerror(errno);
         return false;
     }
@@ -58,7 +58,7 @@ bool Device::init(int memfd, std::string* error) {
 
 bool Device::backs(int fd) const {
     struct stat st;
-    return fstat(fd, &st) == 0 && st.st_dev == memfd_dev_ && st.st_ino == memfd_ino_;
+    return real::fstat(fd, &st) == 0 && st.st_dev == memfd_dev_ && st.st_ino == memfd_ino_;
 }
 
 int Device::countOpen() { return faults_.errorFor(FaultTarget::Open, 0, ++open_calls_); }

@@ -47,7 +47,7 @@ v4l2_fract nearestInterval(v4l2_fract asked) {
 int Device::querycap(v4l2_capability& cap, uint64_t call) {
     std::memset(&cap, 0, sizeof cap);
     copyName(cap.driver, sizeof cap.driver, "orvo_vcam");
-    copyName(cap.card, sizeof cap.card, "Orvo Stereo Camera (virtual)");
+    copyName(cap.card, sizeof cap.card, kCardName);
     copyName(cap.bus_info, sizeof cap.bus_info, "platform:orvo-vcam");
     cap.version = LINUX_VERSION_CODE;
     uint32_t caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;

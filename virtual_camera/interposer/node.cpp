@@ -1,5 +1,5 @@
-// The interposed paths about the node itself: open, close, ioctl, and fopen of /proc/meminfo for
-// its faults.
+// The interposed paths about the node itself: open, close, ioctl, and fopen of its sysfs files and
+// of /proc/meminfo for its faults.
 #include "node.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "node_files.h"
 #include "node_session.h"
 #include "real_calls.h"
 #include "requests.h"
@@ -20,13 +21,6 @@ namespace orvo {
 namespace vcam {
 namespace node {
 namespace {
-
-bool isNode(int dirfd, const char* path) {
-    const char* node = std::getenv("ORVO_VCAM_DEVICE");
-    if (!node || !*node || !path) return false;
-    if (path[0] != '/' && dirfd != AT_FDCWD) return false;
-    return std::strcmp(path, node) == 0;
-}
 
 // A copy of /proc/meminfo without its "MemFree:" line, as a stream read from memory.
 FILE* meminfoWithoutMemFree() {
@@ -53,7 +47,8 @@ FILE* meminfoWithoutMemFree() {
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
 // that the node, like a real one, gets the lowest free descriptor and costs exactly one.
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
-    if (t_inside || !isNode(dirfd, path)) return false;
+    if (t_inside) return false;
+    if (!isNodePath(dirfd, path)) return interceptSysfsOpen(dirfd, path, flags, result);
     Registry& reg = registry();
     std::lock_guard<std::mutex> lock(reg.mutex);
     Inside inside;
@@ -140,8 +135,14 @@ bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     return true;
 }
 
-// The meminfo faults apply while a descriptor of the node is open.
+// The node's sysfs files are read through fopen too; the meminfo faults apply while a descriptor
+// of the node is open.
 bool interceptFopen(const char* path, FILE** result) {
+    int fd;
+    if (interceptSysfsOpen(AT_FDCWD, path, O_RDONLY | O_CLOEXEC, &fd)) {
+        *result = fd < 0 ? nullptr : fdopen(fd, "r");
+        return true;
+    }
     if (t_inside || !path || std::strcmp(path, "/proc/meminfo") != 0 || g_open_files.load() == 0)
         return false;
     Registry& reg = registry();

@@ -100,6 +100,17 @@ int poll(struct pollfd* fds, nfds_t nfds, int timeout) {
     return fn(fds, nfds, timeout);
 }
 
+int fstat(int fd, struct stat* st) {
+    ORVO_REAL(int (*)(int, struct stat*), "fstat");
+    return fn(fd, st);
+}
+
+void* symbol(const char* name) {
+    void* fn = dlsym(RTLD_NEXT, name);
+    if (!fn) abort();
+    return fn;
+}
+
 }  // namespace real
 }  // namespace vcam
 }  // namespace orvo

@@ -84,6 +84,7 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
         return true;
     }
     reg.files[fd] = OpenFile{reg.next_file_id++, fd};
+    reg.device->opened(reg.files[fd].id);
     g_open_files.fetch_add(1);
     logResult(reg, fd, (flags & O_NONBLOCK) ? "open (non-blocking)" : "open", fd, 0);
     *result = fd;

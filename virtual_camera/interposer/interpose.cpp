@@ -2,6 +2,7 @@
 // goes straight through.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -85,6 +86,7 @@ int __openat64_2(int dirfd, const char* path, int flags) {
 
 int close(int fd) {
     int r;
+    node::forgetEpollSet(fd);
     if (node::interceptClose(fd, &r)) return r;
     return real::close(fd);
 }
@@ -121,6 +123,41 @@ int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struc
     int r;
     if (node::interceptSelect(nfds, readfds, writefds, exceptfds, timeout, &r)) return r;
     return real::select(nfds, readfds, writefds, exceptfds, timeout);
+}
+
+int epoll_ctl(int epfd, int op, int fd, struct epoll_event* event) __THROW {
+    int r;
+    if (node::interceptEpollCtl(epfd, op, fd, event, &r)) return r;
+    static const auto next = reinterpret_cast<int (*)(int, int, int, struct epoll_event*)>(real::symbol("epoll_ctl"));
+    return next(epfd, op, fd, event);
+}
+
+int epoll_wait(int epfd, struct epoll_event* events, int max, int timeout) {
+    int r;
+    if (node::interceptEpollWait(epfd, events, max, timeout, nullptr, &r)) return r;
+    return real::epoll_pwait(epfd, events, max, timeout, nullptr);
+}
+
+int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* sigmask) {
+    int r;
+    if (node::interceptEpollWait(epfd, events, max, timeout, sigmask, &r)) return r;
+    return real::epoll_pwait(epfd, events, max, timeout, sigmask);
+}
+
+ssize_t read(int fd, void* buf, size_t count) {
+    long r;
+    if (node::interceptReadWrite(fd, &r)) return ssize_t(r);
+    static const auto next = reinterpret_cast<ssize_t (*)(int, void*, size_t)>(real::symbol("read"));
+    return next(fd, buf, count);
+}
+
+ssize_t __read_chk(int fd, void* buf, size_t count, size_t) { return read(fd, buf, count); }
+
+ssize_t write(int fd, const void* buf, size_t count) {
+    long r;
+    if (node::interceptReadWrite(fd, &r)) return ssize_t(r);
+    static const auto next = reinterpret_cast<ssize_t (*)(int, const void*, size_t)>(real::symbol("write"));
+    return next(fd, buf, count);
 }
 
 }  // extern "C"

@@ -105,6 +105,11 @@ int fstat(int fd, struct stat* st) {
     return fn(fd, st);
 }
 
+int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* sigmask) {
+    ORVO_REAL(int (*)(int, struct epoll_event*, int, int, const sigset_t*), "epoll_pwait");
+    return fn(epfd, events, max, timeout, sigmask);
+}
+
 void* symbol(const char* name) {
     void* fn = dlsym(RTLD_NEXT, name);
     if (!fn) abort();

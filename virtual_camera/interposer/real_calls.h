@@ -2,6 +2,8 @@
 #pragma once
 
 #include <poll.h>
+#include <signal.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -27,6 +29,7 @@ FILE* fopen64(const char* path, const char* mode);
 int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout);
 int poll(struct pollfd* fds, nfds_t nfds, int timeout);
 int fstat(int fd, struct stat* st);
+int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* sigmask);
 
 // The C library's definition of any other entry point, for those forwarded as they are.
 void* symbol(const char* name);

@@ -42,6 +42,10 @@ v4l2_fract nearestInterval(v4l2_fract asked) {
     return {1, best};
 }
 
+// The cropping and selection requests take the multi-planar capture type for the single-planar
+// one, as the kernel maps it for every driver.
+bool isCropType(uint32_t type) { return type == kCapture || type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE; }
+
 }  // namespace
 
 int Device::querycap(v4l2_capability& cap, uint64_t call) {
@@ -59,7 +63,7 @@ int Device::querycap(v4l2_capability& cap, uint64_t call) {
 }
 
 int Device::cropcap(v4l2_cropcap& cc) {
-    if (cc.type != kCapture) return -EINVAL;
+    if (!isCropType(cc.type)) return -EINVAL;
     cc.bounds = {0, 0, uint32_t(kWidth), uint32_t(kHeight)};
     cc.defrect = cc.bounds;
     cc.pixelaspect = {1, 1};
@@ -69,7 +73,7 @@ int Device::cropcap(v4l2_cropcap& cc) {
 // The sensor has no cropping: its crop rectangle is the full frame, and any other asked for is
 // adjusted to it.
 int Device::crop(v4l2_crop& c, bool) {
-    if (c.type != kCapture) return -EINVAL;
+    if (!isCropType(c.type)) return -EINVAL;
     c.c = {0, 0, uint32_t(kWidth), uint32_t(kHeight)};
     return 0;
 }
@@ -77,7 +81,7 @@ int Device::crop(v4l2_crop& c, bool) {
 // The selection view of the same: the crop targets all give the full frame, setting one adjusts
 // to it; there is no composing.
 int Device::selection(v4l2_selection& s, bool set) {
-    if (s.type != kCapture) return -EINVAL;
+    if (!isCropType(s.type)) return -EINVAL;
     bool crop_target = s.target == V4L2_SEL_TGT_CROP ||
                        (!set && (s.target == V4L2_SEL_TGT_CROP_DEFAULT || s.target == V4L2_SEL_TGT_CROP_BOUNDS));
     if (!crop_target) return -EINVAL;

@@ -6,7 +6,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
 shift || true
 
-packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool)
+packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool
+          v4l-utils ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-base)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -28,6 +28,7 @@ const Subcommand kSubcommands[] = {
     {"record", runRecord, "record raw frames to a file the virtual camera can replay"},
     {"calibrate", runCalibrate, "stereo calibration from chessboard image pairs"},
     {"check", runCheck, "how well the rectified pair lines up: row error of matched features"},
+    {"vcam", runVcam, "run any program (v4l2-ctl, GStreamer, ffmpeg...) with the virtual camera"},
 };
 
 void printUsage(FILE* to) {

@@ -125,6 +125,50 @@ int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struc
     return real::select(nfds, readfds, writefds, exceptfds, timeout);
 }
 
+int dup(int fd) __THROW {
+    static const auto next = reinterpret_cast<int (*)(int)>(real::symbol("dup"));
+    int r = next(fd);
+    node::registerDuplicate(fd, r);
+    return r;
+}
+
+int dup2(int fd, int fd2) __THROW {
+    static const auto next = reinterpret_cast<int (*)(int, int)>(real::symbol("dup2"));
+    int r = next(fd, fd2);
+    node::registerDuplicate(fd, r);
+    return r;
+}
+
+int dup3(int fd, int fd2, int flags) __THROW {
+    static const auto next = reinterpret_cast<int (*)(int, int, int)>(real::symbol("dup3"));
+    int r = next(fd, fd2, flags);
+    node::registerDuplicate(fd, r);
+    return r;
+}
+
+// fcntl duplicates too (F_DUPFD, F_DUPFD_CLOEXEC); its third argument is an int or a pointer.
+int fcntl(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    static const auto next = reinterpret_cast<int (*)(int, int, ...)>(real::symbol("fcntl"));
+    int r = next(fd, cmd, arg);
+    if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) node::registerDuplicate(fd, r);
+    return r;
+}
+
+int fcntl64(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    static const auto next = reinterpret_cast<int (*)(int, int, ...)>(real::symbol("fcntl64"));
+    int r = next(fd, cmd, arg);
+    if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) node::registerDuplicate(fd, r);
+    return r;
+}
+
 int epoll_ctl(int epfd, int op, int fd, struct epoll_event* event) __THROW {
     int r;
     if (node::interceptEpollCtl(epfd, op, fd, event, &r)) return r;

@@ -41,7 +41,38 @@ FILE* meminfoWithoutMemFree() {
     return out;
 }
 
+// Another descriptor (a duplicate) still refers to the open file.
+bool sharesFile(const Registry& reg, uint64_t id) {
+    for (const auto& f : reg.files)
+        if (f.second.id == id) return true;
+    return false;
+}
+
 }  // namespace
+
+// A duplicate of a node descriptor refers to the same open file: the same owner, priority and
+// queue, released when the last of its descriptors is closed. A node descriptor that the
+// duplicate replaced (dup2 onto it) is closed with it.
+void registerDuplicate(int fd, int duplicate) {
+    if (t_inside || g_open_files.load() == 0 || duplicate < 0 || duplicate == fd) return;
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    Inside inside;
+    auto replaced = reg.files.find(duplicate);
+    if (replaced != reg.files.end()) {
+        uint64_t old_id = replaced->second.id;
+        reg.files.erase(replaced);
+        g_open_files.fetch_sub(1);
+        if (reg.device && !sharesFile(reg, old_id)) reg.device->release(old_id);
+    }
+    OpenFile* file = findFile(reg, fd);
+    if (file) {
+        reg.files[duplicate] = OpenFile{file->id, duplicate};
+        g_open_files.fetch_add(1);
+    } else if (reg.files.empty() && reg.device) {
+        endSession(reg);
+    }
+}
 
 // Each open gets a new open file description of the session's memory, with its own flags, and
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
@@ -100,8 +131,9 @@ bool interceptClose(int fd, int* result) {
     OpenFile* file = findFile(reg, fd);
     if (!file) return false;
     int injected = reg.device->countClose();
-    reg.device->release(file->id);
+    uint64_t id = file->id;
     reg.files.erase(fd);
+    if (!sharesFile(reg, id)) reg.device->release(id);
     g_open_files.fetch_sub(1);
     int r = real::close(fd);
     int error = errno;

@@ -16,6 +16,8 @@ namespace node {
 // it has done the call and stored its result (errno set on failure).
 bool interceptOpen(int dirfd, const char* path, int flags, int* result);
 bool interceptClose(int fd, int* result);
+// Registers duplicate, just made by the C library from fd, when fd is the node's.
+void registerDuplicate(int fd, int duplicate);
 bool interceptIoctl(int fd, unsigned long request, void* arg, int* result);
 bool interceptFopen(const char* path, FILE** result);
 bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result);

@@ -7,6 +7,7 @@ build=${1:-$root/build}
 shift || true
 
 packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool
+          libhwy-dev pcl-tools python3-dev python3-pybind11 python3-numpy python3-pytest
           v4l-utils ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-base)
 missing=()
 for p in "${packages[@]}"; do

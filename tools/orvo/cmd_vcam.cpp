@@ -45,10 +45,12 @@ std::string shellQuoted(const std::string& text) {
 
 // The variables that make a program see the virtual camera, in the order they are printed.
 std::vector<std::pair<std::string, std::string>> environmentFor(const Args& args) {
+    // What is preloaded already keeps its place ahead (a sanitizer runtime has to stay first).
     std::string preload = virtualCameraLibrary();
     const char* earlier = std::getenv("LD_PRELOAD");
-    if (earlier && *earlier && std::string(earlier).find(preload) == std::string::npos)
-        preload += std::string(":") + earlier;
+    if (earlier && *earlier)
+        preload = std::string(earlier).find(preload) == std::string::npos ? std::string(earlier) + ":" + preload
+                                                                          : std::string(earlier);
     std::vector<std::pair<std::string, std::string>> env = {
         {"LD_PRELOAD", preload}, {"ORVO_VCAM_DEVICE", args.text("device", kDefaultNode)}};
     if (args.has("source")) env.emplace_back("ORVO_VCAM_SOURCE", virtualSource(args.text("source")));

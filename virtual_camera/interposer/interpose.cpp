@@ -19,6 +19,16 @@ namespace {
 
 bool needsMode(int flags) { return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE; }
 
+using FcntlCall = int (*)(int, int, ...);
+
+// fcntl and fcntl64 alike: the C library's call, and a duplicate it made (F_DUPFD,
+// F_DUPFD_CLOEXEC) of a node descriptor is the node's too.
+int fcntlThenRegister(FcntlCall next, int fd, int cmd, void* arg) {
+    int r = next(fd, cmd, arg);
+    if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) node::registerDuplicate(fd, r);
+    return r;
+}
+
 }  // namespace
 
 #define ORVO_MODE_ARG(flags)         \
@@ -146,16 +156,14 @@ int dup3(int fd, int fd2, int flags) __THROW {
     return r;
 }
 
-// fcntl duplicates too (F_DUPFD, F_DUPFD_CLOEXEC); its third argument is an int or a pointer.
+// fcntl's third argument is an int or a pointer: passed on as a pointer-sized value either way.
 int fcntl(int fd, int cmd, ...) {
     va_list ap;
     va_start(ap, cmd);
     void* arg = va_arg(ap, void*);
     va_end(ap);
-    static const auto next = reinterpret_cast<int (*)(int, int, ...)>(real::symbol("fcntl"));
-    int r = next(fd, cmd, arg);
-    if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) node::registerDuplicate(fd, r);
-    return r;
+    static const auto next = reinterpret_cast<FcntlCall>(real::symbol("fcntl"));
+    return fcntlThenRegister(next, fd, cmd, arg);
 }
 
 int fcntl64(int fd, int cmd, ...) {
@@ -163,10 +171,8 @@ int fcntl64(int fd, int cmd, ...) {
     va_start(ap, cmd);
     void* arg = va_arg(ap, void*);
     va_end(ap);
-    static const auto next = reinterpret_cast<int (*)(int, int, ...)>(real::symbol("fcntl64"));
-    int r = next(fd, cmd, arg);
-    if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) node::registerDuplicate(fd, r);
-    return r;
+    static const auto next = reinterpret_cast<FcntlCall>(real::symbol("fcntl64"));
+    return fcntlThenRegister(next, fd, cmd, arg);
 }
 
 int epoll_ctl(int epfd, int op, int fd, struct epoll_event* event) __THROW {

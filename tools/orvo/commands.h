@@ -12,5 +12,6 @@ int runCalibrate(int argc, char** argv, int first);
 int runCheck(int argc, char** argv, int first);
 int runList(int argc, char** argv, int first);
 int runVcam(int argc, char** argv, int first);
+int runView(int argc, char** argv, int first);
 
 }  // namespace orvo_tool

@@ -1,9 +1,17 @@
 // The virtual camera's node driven with bare open/ioctl/mmap: driver semantics, errno values, pacing
-// and drops (ownership is checked through the runtime's camera, test_runtime_open and _stream).
+// and drops, and the node as the file system shows it (ownership is checked through the runtime's
+// camera, test_runtime_open and _stream; here only that a duplicate descriptor shares it).
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -23,6 +31,18 @@ class VcamV4l2 : public ::testing::Test {
   protected:
     orvo_test::VirtualNode env_{kNode};
 };
+
+// The whole of a small file as the C library reads it; "<errno N>" when it cannot be opened.
+std::string contents(const char* path) {
+    FILE* in = std::fopen(path, "r");
+    if (!in) return "<errno " + std::to_string(errno) + ">";
+    std::string text;
+    char chunk[256];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, in)) > 0) text.append(chunk, n);
+    std::fclose(in);
+    return text;
+}
 
 int64_t timestampUs(const v4l2_buffer& b) { return int64_t(b.timestamp.tv_sec) * 1000000 + b.timestamp.tv_usec; }
 
@@ -87,6 +107,45 @@ TEST_F(VcamV4l2, FormatAndBuffersFollowTheVideobuf2Lifecycle) {
     c.unmapAll();
     ASSERT_EQ(0, c.requestBuffers(0));
     EXPECT_EQ(0, c.setFormat()) << "no buffers any more";
+}
+
+// No file of the node's name exists, yet tools that stat it, look its sysfs entries up and
+// duplicate its descriptors find a V4L2 character device.
+TEST_F(VcamV4l2, ItsPathIsACharacterDeviceWithSysfsEntriesAndDuplicatesAreTheSameOpenFile) {
+    struct stat st, link;
+    struct stat64 st64;
+    ASSERT_EQ(0, stat(kNode, &st));
+    ASSERT_EQ(0, lstat(kNode, &link));
+    ASSERT_EQ(0, stat64(kNode, &st64));
+    EXPECT_TRUE(S_ISCHR(st.st_mode) && S_ISCHR(link.st_mode) && S_ISCHR(st64.st_mode));
+    EXPECT_EQ(makedev(81, 100), st.st_rdev) << "81 is V4L2's major; minors start at 100 + the path's number";
+    EXPECT_EQ(st.st_rdev, st64.st_rdev);
+    EXPECT_EQ(0, access(kNode, R_OK | W_OK));
+    EXPECT_NE(0, access(kNode, X_OK));
+    EXPECT_EQ("Orvo Stereo Camera (virtual)\n", contents("/sys/dev/char/81:100/name"));
+    EXPECT_EQ("MAJOR=81\nMINOR=100\nDEVNAME=video100\n", contents("/sys/class/video4linux/video100/uevent"));
+    EXPECT_EQ("<errno 2>", contents("/sys/class/video4linux/video100/no-such-entry"));
+    EXPECT_NE(0, stat("/sys/dev/char/81:100/no-such-entry", &st));
+    EXPECT_EQ(ENOENT, errno);
+
+    V4l2Client c(kNode);
+    ASSERT_EQ(0, fstat(c.fd(), &st));
+    EXPECT_EQ(makedev(81, 100), st.st_rdev);
+    ASSERT_EQ(0, c.requestBuffers(4));
+    const int copy = dup(c.fd());
+    ASSERT_GE(copy, 0);
+    v4l2_requestbuffers rb{};
+    rb.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    rb.memory = V4L2_MEMORY_MMAP;
+    rb.count = 3;
+    EXPECT_EQ(0, ioctl(copy, VIDIOC_REQBUFS, &rb)) << "the duplicate owns the queue with the original";
+    EXPECT_EQ(3u, rb.count);
+    V4l2Client other(kNode);
+    EXPECT_EQ(EBUSY, other.requestBuffers(2));
+    ASSERT_EQ(0, ::close(copy));
+    EXPECT_EQ(0, c.requestBuffers(2)) << "closing the duplicate left the open file alive";
+    ASSERT_EQ(0, c.close());
+    EXPECT_EQ(0, other.requestBuffers(2)) << "the last descriptor's close freed the queue";
 }
 
 // A loaded machine may stall the test for longer than the queue lasts, so the checks hold whatever

@@ -1,5 +1,5 @@
-// The interposed paths about the node itself: open, close, ioctl, and fopen of /proc/meminfo for
-// its faults.
+// The interposed paths about the node itself: open, close, ioctl, and fopen of its sysfs files and
+// of /proc/meminfo for its faults.
 #include "node.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "node_files.h"
 #include "node_session.h"
 #include "real_calls.h"
 #include "requests.h"
@@ -20,13 +21,6 @@ namespace orvo {
 namespace vcam {
 namespace node {
 namespace {
-
-bool isNode(int dirfd, const char* path) {
-    const char* node = std::getenv("ORVO_VCAM_DEVICE");
-    if (!node || !*node || !path) return false;
-    if (path[0] != '/' && dirfd != AT_FDCWD) return false;
-    return std::strcmp(path, node) == 0;
-}
 
 // A copy of /proc/meminfo without its "MemFree:" line, as a stream read from memory.
 FILE* meminfoWithoutMemFree() {
@@ -47,13 +41,45 @@ FILE* meminfoWithoutMemFree() {
     return out;
 }
 
+// Another descriptor (a duplicate) still refers to the open file.
+bool sharesFile(const Registry& reg, uint64_t id) {
+    for (const auto& f : reg.files)
+        if (f.second.id == id) return true;
+    return false;
+}
+
 }  // namespace
+
+// A duplicate of a node descriptor refers to the same open file: the same owner, priority and
+// queue, released when the last of its descriptors is closed. A node descriptor that the
+// duplicate replaced (dup2 onto it) is closed with it.
+void registerDuplicate(int fd, int duplicate) {
+    if (t_inside || g_open_files.load() == 0 || duplicate < 0 || duplicate == fd) return;
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    Inside inside;
+    auto replaced = reg.files.find(duplicate);
+    if (replaced != reg.files.end()) {
+        uint64_t old_id = replaced->second.id;
+        reg.files.erase(replaced);
+        g_open_files.fetch_sub(1);
+        if (reg.device && !sharesFile(reg, old_id)) reg.device->release(old_id);
+    }
+    OpenFile* file = findFile(reg, fd);
+    if (file) {
+        reg.files[duplicate] = OpenFile{file->id, duplicate};
+        g_open_files.fetch_add(1);
+    } else if (reg.files.empty() && reg.device) {
+        endSession(reg);
+    }
+}
 
 // Each open gets a new open file description of the session's memory, with its own flags, and
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
 // that the node, like a real one, gets the lowest free descriptor and costs exactly one.
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
-    if (t_inside || !isNode(dirfd, path)) return false;
+    if (t_inside) return false;
+    if (!isNodePath(dirfd, path)) return interceptSysfsOpen(dirfd, path, flags, result);
     Registry& reg = registry();
     std::lock_guard<std::mutex> lock(reg.mutex);
     Inside inside;
@@ -89,6 +115,7 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
         return true;
     }
     reg.files[fd] = OpenFile{reg.next_file_id++, fd};
+    reg.device->opened(reg.files[fd].id);
     g_open_files.fetch_add(1);
     logResult(reg, fd, (flags & O_NONBLOCK) ? "open (non-blocking)" : "open", fd, 0);
     *result = fd;
@@ -104,8 +131,9 @@ bool interceptClose(int fd, int* result) {
     OpenFile* file = findFile(reg, fd);
     if (!file) return false;
     int injected = reg.device->countClose();
-    reg.device->release(file->id);
+    uint64_t id = file->id;
     reg.files.erase(fd);
+    if (!sharesFile(reg, id)) reg.device->release(id);
     g_open_files.fetch_sub(1);
     int r = real::close(fd);
     int error = errno;
@@ -140,8 +168,14 @@ bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     return true;
 }
 
-// The meminfo faults apply while a descriptor of the node is open.
+// The node's sysfs files are read through fopen too; the meminfo faults apply while a descriptor
+// of the node is open.
 bool interceptFopen(const char* path, FILE** result) {
+    int fd;
+    if (interceptSysfsOpen(AT_FDCWD, path, O_RDONLY | O_CLOEXEC, &fd)) {
+        *result = fd < 0 ? nullptr : fdopen(fd, "r");
+        return true;
+    }
     if (t_inside || !path || std::strcmp(path, "/proc/meminfo") != 0 || g_open_files.load() == 0)
         return false;
     Registry& reg = registry();

@@ -1,11 +1,13 @@
-// poll and select over the node's descriptors and others: the node's readiness comes from its
-// device, the others' from the kernel.
+// poll, select and epoll over the node's descriptors and others: the node's readiness comes from
+// its device, the others' from the kernel.
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 
 #include <chrono>
 #include <cerrno>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "node.h"
@@ -88,13 +90,129 @@ int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nf
     }
 }
 
+// The node's members of epoll sets: the kernel cannot watch the node's memory file, so they are
+// kept here (under the registry's lock) and waits on such a set are done as in pollMixed.
+struct EpollMember {
+    int fd;
+    epoll_event event;
+};
+std::unordered_map<int, std::vector<EpollMember>> g_epoll_members;  // by epoll descriptor
+std::atomic<int> g_epoll_sets{0};
+
+std::vector<EpollMember>::iterator findMember(std::vector<EpollMember>& members, int fd) {
+    auto it = members.begin();
+    while (it != members.end() && it->fd != fd) ++it;
+    return it;
+}
+
+// The node members of an epoll set that are ready, into events; members whose descriptor is no
+// longer the node's are dropped, as the kernel drops closed ones.
+int readyMembers(Registry& reg, std::vector<EpollMember>& members, epoll_event* events, int max) {
+    int n = 0;
+    std::shared_ptr<Device> device = reg.device;
+    for (auto it = members.begin(); it != members.end();) {
+        if (!device || !findFile(reg, it->fd)) {
+            it = members.erase(it);
+            continue;
+        }
+        uint32_t revents = uint16_t(nodeEvents(*device, short(it->event.events & 0xffff)));
+        if (revents && n < max) events[n++] = epoll_event{revents, it->event.data};
+        ++it;
+    }
+    return n;
+}
+
 }  // namespace
+
+bool interceptEpollCtl(int epfd, int op, int fd, struct epoll_event* event, int* result) {
+    if (t_inside || g_open_files.load() == 0) return false;
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    if (!findFile(reg, fd)) return false;
+    std::vector<EpollMember>& members = g_epoll_members[epfd];
+    auto it = findMember(members, fd);
+    int error = 0;
+    if (op == EPOLL_CTL_ADD) {
+        if (it != members.end()) error = EEXIST;
+        else if (!event) error = EFAULT;
+        else members.push_back(EpollMember{fd, *event});
+    } else if (it == members.end()) {
+        error = op == EPOLL_CTL_MOD || op == EPOLL_CTL_DEL ? ENOENT : EINVAL;
+    } else if (op == EPOLL_CTL_MOD) {
+        if (event) it->event = *event;
+        else error = EFAULT;
+    } else if (op == EPOLL_CTL_DEL) {
+        members.erase(it);
+    } else {
+        error = EINVAL;
+    }
+    if (members.empty()) g_epoll_members.erase(epfd);
+    g_epoll_sets.store(int(g_epoll_members.size()));
+    errno = error;
+    *result = error ? -1 : 0;
+    return true;
+}
+
+bool interceptEpollWait(int epfd, struct epoll_event* events, int max, int timeout_ms, const sigset_t* sigmask,
+                        int* result) {
+    if (t_inside || g_epoll_sets.load() == 0) return false;
+    Registry& reg = registry();
+    std::unique_lock<std::mutex> lock(reg.mutex);
+    auto set = g_epoll_members.find(epfd);
+    if (set == g_epoll_members.end() || max <= 0) return false;
+    Inside inside;
+    int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
+    for (;;) {
+        set = g_epoll_members.find(epfd);  // the set may have changed while the lock was released
+        int n = set == g_epoll_members.end() ? 0 : readyMembers(reg, set->second, events, max);
+        int64_t now = monotonicNs();
+        int64_t wake = now + kOtherSliceNs;
+        if (deadline >= 0 && deadline < wake) wake = deadline;
+        int64_t change = reg.device ? reg.device->nextChangeNs() : -1;
+        if (change >= 0 && change < wake) wake = change;
+        lock.unlock();
+        int r = real::epoll_pwait(epfd, events + n, max - n, n ? 0 : msUntil(wake, now), sigmask);
+        int error = errno;
+        lock.lock();
+        if (r < 0 && n == 0) {
+            errno = error;
+            *result = -1;
+            return true;
+        }
+        n += r > 0 ? r : 0;
+        if (n || (deadline >= 0 && monotonicNs() >= deadline)) {
+            *result = n;
+            return true;
+        }
+    }
+}
+
+void forgetEpollSet(int fd) {
+    if (g_epoll_sets.load() == 0) return;
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    g_epoll_members.erase(fd);
+    g_epoll_sets.store(int(g_epoll_members.size()));
+}
+
+// The node has no read/write I/O: reading or writing it fails with EINVAL, as on a driver
+// without V4L2_CAP_READWRITE.
+bool interceptReadWrite(int fd, long* result) {
+    if (t_inside || g_open_files.load() == 0) return false;
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    if (!findFile(reg, fd)) return false;
+    errno = EINVAL;
+    *result = -1;
+    return true;
+}
 
 bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result) {
     if (t_inside || g_open_files.load() == 0 || !fds) return false;
     Registry& reg = registry();
     std::unique_lock<std::mutex> lock(reg.mutex);
     if (!anyNode(reg, fds, nfds)) return false;
+    Inside inside;  // rendering a frame that fell due reads the source's files
     int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
     *result = pollMixed(reg, lock, fds, nfds, deadline);
     if (reg.log) logResult(reg, -1, "poll", *result, errno);
@@ -117,6 +235,7 @@ bool interceptSelect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* except
     Registry& reg = registry();
     std::unique_lock<std::mutex> lock(reg.mutex);
     if (!anyNode(reg, fds.data(), fds.size())) return false;
+    Inside inside;
     int64_t start = monotonicNs();
     int64_t deadline = timeout ? start + int64_t(timeout->tv_sec) * 1000000000 + int64_t(timeout->tv_usec) * 1000 : -1;
     int r = pollMixed(reg, lock, fds.data(), fds.size(), deadline);

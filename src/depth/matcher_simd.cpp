@@ -48,49 +48,74 @@ void CensusRows(const CensusJob& job, int y0, int y1) {
     }
 }
 
-// C(x, k) for one row: popcount of the XOR of the codes, byte plane by byte plane (nibble table).
-// The flipped right row puts the candidates k of pixel x side by side, at column
-// width-1-x+min_disp+k.
+// Popcount of each byte: one instruction on AVX-512 BITALG, else two nibble-table lookups.
 template <class D8>
-void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* cost) {
-    const Problem& pb = *a.pb;
-    const int w = pb.width, nd = pb.ndisp, nb = pb.census_bytes();
-    const int n = static_cast<int>(hn::Lanes(d8));
+HWY_INLINE hn::Vec<D8> ByteBits(D8 d8, hn::Vec<D8> v) {
+#if HWY_TARGET == HWY_AVX3_DL
+    (void)d8;
+    return hn::PopulationCount(v);
+#else
     alignas(16) static constexpr uint8_t kBits[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
     const auto table = hn::LoadDup128(d8, kBits);
     const auto low = hn::Set(d8, uint8_t{0x0F});
+    return hn::Add(hn::TableLookupBytes(table, hn::And(v, low)),
+                   hn::TableLookupBytes(table, hn::ShiftRight<4>(v)));
+#endif
+}
+
+// kChunks vectors of candidates of one pixel, summed over the byte planes in registers: each
+// plane's left byte is broadcast once for all of them.
+template <int kChunks, class D8>
+HWY_INLINE void CostChunks(D8 d8, const uint8_t* HWY_RESTRICT l, const uint8_t* HWY_RESTRICT r,
+                           size_t plane, int nb, uint8_t* HWY_RESTRICT out) {
+    const size_t n = hn::Lanes(d8);
+    auto a0 = hn::Zero(d8), a1 = hn::Zero(d8), a2 = hn::Zero(d8), a3 = hn::Zero(d8);
+    for (int b = 0; b < nb; ++b, l += plane, r += plane) {
+        const auto lv = hn::Set(d8, *l);
+        a0 = hn::Add(a0, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r))));
+        if constexpr (kChunks > 1) a1 = hn::Add(a1, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r + n))));
+        if constexpr (kChunks > 2) a2 = hn::Add(a2, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r + 2 * n))));
+        if constexpr (kChunks > 3) a3 = hn::Add(a3, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r + 3 * n))));
+    }
+    hn::StoreU(a0, d8, out);
+    if constexpr (kChunks > 1) hn::StoreU(a1, d8, out + n);
+    if constexpr (kChunks > 2) hn::StoreU(a2, d8, out + 2 * n);
+    if constexpr (kChunks > 3) hn::StoreU(a3, d8, out + 3 * n);
+}
+
+// C(x, k) for one row: popcount of the XOR of the codes, byte plane by byte plane.
+// The flipped right row puts the candidates k of pixel x side by side, at column
+// width-1-x+min_disp+k.
+template <class D8>
+void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* HWY_RESTRICT cost) {
+    const Problem& pb = *a.pb;
+    const int w = pb.width, nd = pb.ndisp, nb = pb.census_bytes(), min_disp = pb.min_disp;
+    const int n = static_cast<int>(hn::Lanes(d8));
+    const size_t plane = a.plane_size;
     const uint8_t* lrow = a.left_planes + y * a.stride;
     const uint8_t* rrow = a.right_planes + y * a.stride + a.right_offset;
     for (int x = 0; x < w; ++x) {
-        const uint8_t* r = rrow + (w - 1 - x + pb.min_disp);
-        for (int k = 0; k < nd; k += n) {
-            auto acc = hn::Zero(d8);
-            for (int b = 0; b < nb; ++b) {
-                const auto l = hn::Set(d8, lrow[b * a.plane_size + x]);
-                const auto v = hn::Xor(l, hn::LoadU(d8, r + b * a.plane_size + k));
-#if HWY_TARGET == HWY_AVX3_DL
-                (void)table;
-                (void)low;
-                acc = hn::Add(acc, hn::PopulationCount(v));
-#else
-                acc = hn::Add(acc, hn::Add(hn::TableLookupBytes(table, hn::And(v, low)),
-                                           hn::TableLookupBytes(table, hn::ShiftRight<4>(v))));
-#endif
-            }
-            hn::StoreU(acc, d8, cost + x * nd + k);
+        const uint8_t* r = rrow + (w - 1 - x + min_disp);
+        uint8_t* out = cost + static_cast<size_t>(x) * nd;
+        int k = 0;
+        for (; k + 4 * n <= nd; k += 4 * n) CostChunks<4>(d8, lrow + x, r + k, plane, nb, out + k);
+        switch ((nd - k) / n) {
+            case 3: CostChunks<3>(d8, lrow + x, r + k, plane, nb, out + k); break;
+            case 2: CostChunks<2>(d8, lrow + x, r + k, plane, nb, out + k); break;
+            case 1: CostChunks<1>(d8, lrow + x, r + k, plane, nb, out + k); break;
+            default: break;
         }
     }
-    // Candidates whose right pixel leaves the image.
-    const int xlo = pb.first_valid_x(), xhi = pb.last_valid_x();
-    for (int x = 0; x < w; ++x) {
-        if (x >= xlo && x <= xhi) {
-            x = xhi;
-            continue;
-        }
-        for (int k = 0; k < nd; ++k) {
-            const int xr = x - pb.min_disp - k;
-            if (xr < 0 || xr >= w) cost[x * nd + k] = static_cast<uint8_t>(pb.outside_cost());
-        }
+    // Candidates whose right pixel x - min_disp - k leaves the image: k > x - min_disp on the
+    // left, k <= x - min_disp - w on the right.
+    const uint8_t outside = static_cast<uint8_t>(pb.outside_cost());
+    for (int x = 0; x < std::min(w, pb.first_valid_x()); ++x) {
+        const int k0 = std::max(0, x - min_disp + 1);
+        if (k0 < nd) std::memset(cost + static_cast<size_t>(x) * nd + k0, outside, nd - k0);
+    }
+    for (int x = std::max(0, pb.last_valid_x() + 1); x < w; ++x) {
+        const int k1 = std::min(nd, x - min_disp - w + 1);
+        if (k1 > 0) std::memset(cost + static_cast<size_t>(x) * nd, outside, k1);
     }
 }
 

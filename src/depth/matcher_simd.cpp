@@ -217,16 +217,19 @@ struct WinnerRow {
 template <class D>
 HWY_INLINE void Winner(D d, int nd, const uint16_t* total, hn::Vec<D> lowest, hn::Vec<D> first,
                        const WinnerRow& out, int x) {
+    const hn::RebindToSigned<D> di;
     const int n = static_cast<int>(hn::Lanes(d));
     const auto inf = hn::Set(d, kGuard);
     const uint16_t best_cost = MinLane(d, lowest);
     const int best = MinLane(d, hn::IfThenElse(hn::Eq(lowest, hn::Set(d, best_cost)), first, inf));
-    const auto from = hn::Set(d, static_cast<uint16_t>(best - 1));
-    const auto three = hn::Set(d, uint16_t{3});
+    const auto bestv = hn::Set(di, static_cast<int16_t>(best));
+    const auto two = hn::Set(di, int16_t{2}), step = hn::Set(di, static_cast<int16_t>(n));
+    auto k_lanes = hn::Iota(di, 0);
     auto second_min = inf;
     for (int k = 0; k < nd; k += n) {
-        const auto close = hn::Lt(hn::Sub(hn::Iota(d, static_cast<uint16_t>(k)), from), three);
+        const auto close = hn::RebindMask(d, hn::Lt(hn::Abs(hn::Sub(k_lanes, bestv)), two));
         second_min = hn::Min(second_min, hn::IfThenElse(close, inf, hn::LoadU(d, total + k)));
+        k_lanes = hn::Add(k_lanes, step);
     }
     out.best[x] = static_cast<uint16_t>(best);
     out.cost[x] = best_cost;
@@ -244,6 +247,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
     const int w = pb.width, nd = pb.ndisp, ls = nd + 2 * kGuardLanes;
     const int n = static_cast<int>(hn::Lanes(d));
     const hn::Rebind<uint8_t, D> d8h;
+    const hn::RebindToSigned<D> di;
     uint8_t* costs = second ? a.costs + static_cast<size_t>(y) * w * nd : st.cost_rows[slot].data();
     if (!second) {
         if (nd % hn::Lanes(hn::ScalableTag<uint8_t>()) == 0)
@@ -290,7 +294,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
 
         const auto mv0 = hn::Set(d, pm[0]);
         const auto mv02 = hn::Add(mv0, p2);
-        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = inf, firstk = inf;
+        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = hn::Set(d, uint16_t{0x7FFF}), firstk = inf;
         for (int k = 0; k < nd; k += n) {
             const auto c = hn::PromoteTo(d, hn::LoadU(d8h, cost + k));
             const auto lv0 = Step(d, c, pv[0] + k, mv0, p1, mv02);
@@ -310,7 +314,9 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
             if (second) {
                 sum = hn::Add(sum, hn::LoadU(d, sp + k));
                 hn::StoreU(sum, d, total + k);
-                firstk = hn::IfThenElse(hn::Lt(sum, mintot), hn::Iota(d, static_cast<uint16_t>(k)), firstk);
+                // Sums stay below 0x8000 (at most 8 paths of 64 + p2 <= 4000): a signed compare.
+                const auto lower = hn::RebindMask(d, hn::Lt(hn::BitCast(di, sum), hn::BitCast(di, mintot)));
+                firstk = hn::IfThenElse(lower, hn::Iota(d, static_cast<uint16_t>(k)), firstk);
                 mintot = hn::Min(mintot, sum);
             } else {
                 hn::StoreU(sum, d, sp + k);

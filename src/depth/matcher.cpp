@@ -100,6 +100,9 @@ struct StereoMatcher::Impl {
         return pb;
     }
     void decide_rows(const depth::Problem& pb, int y0, int y1, int half);
+    static int16_t speckle_invalid(const depth::Problem& pb);
+    void to_fixed(const depth::Problem& pb, int y0, int y1);
+    void drop_speckles(const depth::Problem& pb, int y0, int y1);
     void run(const cv::Mat& left, const cv::Mat& right);
 };
 
@@ -195,6 +198,7 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
 
     fresh(out.disparity, pb.height, pb.width, CV_32F);
     fresh(out.confidence, pb.height, pb.width, CV_8U);
+    if (params.speckle_window > 0) disp16.create(pb.height, pb.width, CV_16S);
     struct Ctx {
         Impl* self;
         const depth::Problem* pb;
@@ -204,35 +208,61 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
         [](void* c) {
             auto* x = static_cast<Ctx*>(c);
             x->self->decide_rows(*x->pb, 0, x->pb->height / 2, 0);
+            if (x->self->params.speckle_window > 0) x->self->to_fixed(*x->pb, 0, x->pb->height / 2);
         },
         [](void* c) {
             auto* x = static_cast<Ctx*>(c);
             x->self->decide_rows(*x->pb, x->pb->height / 2, x->pb->height, 1);
+            if (x->self->params.speckle_window > 0)
+                x->self->to_fixed(*x->pb, x->pb->height / 2, x->pb->height);
         },
         &ctx);
 
     if (params.speckle_window > 0) {
-        // filterSpeckles works on fixed point: 1/16 px, with a marker below every disparity.
-        const int16_t invalid = static_cast<int16_t>((pb.min_disp - 1) * 16);
-        disp16.create(pb.height, pb.width, CV_16S);
-        for (int y = 0; y < pb.height; ++y) {
-            const float* d = out.disparity.ptr<float>(y);
-            int16_t* o = disp16.ptr<int16_t>(y);
-            for (int x = 0; x < pb.width; ++x)
-                o[x] = std::isnan(d[x]) ? invalid : static_cast<int16_t>(cvRound(d[x] * 16));
-        }
-        cv::filterSpeckles(disp16, invalid, params.speckle_window, params.speckle_range * 16,
-                           speckle_buf);
-        for (int y = 0; y < pb.height; ++y) {
-            const int16_t* o = disp16.ptr<int16_t>(y);
-            float* d = out.disparity.ptr<float>(y);
-            uint8_t* c = out.confidence.ptr<uint8_t>(y);
-            for (int x = 0; x < pb.width; ++x)
-                if (o[x] == invalid) {
-                    d[x] = kNaN;
-                    c[x] = 0;
-                }
-        }
+        cv::filterSpeckles(disp16, speckle_invalid(pb), params.speckle_window,
+                           params.speckle_range * 16, speckle_buf);
+        simd.run_pair(
+            threads(),
+            [](void* c) {
+                auto* x = static_cast<Ctx*>(c);
+                x->self->drop_speckles(*x->pb, 0, x->pb->height / 2);
+            },
+            [](void* c) {
+                auto* x = static_cast<Ctx*>(c);
+                x->self->drop_speckles(*x->pb, x->pb->height / 2, x->pb->height);
+            },
+            &ctx);
+    }
+}
+
+// filterSpeckles works on fixed point: 1/16 px, with a marker below every disparity.
+int16_t StereoMatcher::Impl::speckle_invalid(const depth::Problem& pb) {
+    return static_cast<int16_t>((pb.min_disp - 1) * 16);
+}
+
+// Rows [y0, y1) of the disparity in fixed point, for the speckle filter.
+void StereoMatcher::Impl::to_fixed(const depth::Problem& pb, int y0, int y1) {
+    const int16_t invalid = speckle_invalid(pb);
+    for (int y = y0; y < y1; ++y) {
+        const float* d = out.disparity.ptr<float>(y);
+        int16_t* o = disp16.ptr<int16_t>(y);
+        for (int x = 0; x < pb.width; ++x)
+            o[x] = std::isnan(d[x]) ? invalid : static_cast<int16_t>(cvRound(d[x] * 16));
+    }
+}
+
+// Rows [y0, y1): what the speckle filter marked becomes invalid.
+void StereoMatcher::Impl::drop_speckles(const depth::Problem& pb, int y0, int y1) {
+    const int16_t invalid = speckle_invalid(pb);
+    for (int y = y0; y < y1; ++y) {
+        const int16_t* o = disp16.ptr<int16_t>(y);
+        float* d = out.disparity.ptr<float>(y);
+        uint8_t* c = out.confidence.ptr<uint8_t>(y);
+        for (int x = 0; x < pb.width; ++x)
+            if (o[x] == invalid) {
+                d[x] = kNaN;
+                c[x] = 0;
+            }
     }
 }
 

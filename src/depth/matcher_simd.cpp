@@ -28,21 +28,29 @@ void CensusRows(const CensusJob& job, int y0, int y1) {
     const hn::ScalableTag<uint8_t> d8;
     const int n = static_cast<int>(hn::Lanes(d8));
     const int hw = job.win_w / 2, hh = job.win_h / 2, bits = job.win_w * job.win_h - 1;
+    const ptrdiff_t step = static_cast<ptrdiff_t>(job.padded->step[0]);
+    // Each bit's neighbour as an offset from the centre in the padded image, worked out once.
+    ptrdiff_t offsets[64];
+    for (int i = 0; i < bits; ++i) {
+        const int off = i < bits / 2 ? i : i + 1;  // skip the centre
+        const int dy = off / job.win_w - hh;
+        const int dx = (off % job.win_w - hw) * (job.mirrored ? -1 : 1);
+        offsets[i] = dy * step + dx;
+    }
     for (int y = y0; y < y1; ++y) {
+        const uint8_t* row = job.padded->ptr<uint8_t>(y + hh) + hw;
+        uint8_t* out = job.planes + y * job.stride;
         for (int x = 0; x < job.width; x += n) {
-            const auto centre = hn::LoadU(d8, job.padded->ptr<uint8_t>(y + hh) + hw + x);
-            int i = 0;
-            for (int b = 0; i < bits; ++b) {
+            const uint8_t* c = row + x;
+            const auto centre = hn::LoadU(d8, c);
+            for (int b = 0, i = 0; i < bits; ++b) {
                 auto acc = hn::Zero(d8);
                 for (int bit = 0; bit < 8 && i < bits; ++bit, ++i) {
-                    int off = i < (bits / 2) ? i : i + 1;  // skip the centre
-                    const int dy = off / job.win_w - hh;
-                    const int dx = (off % job.win_w - hw) * (job.mirrored ? -1 : 1);
-                    const auto nb = hn::LoadU(d8, job.padded->ptr<uint8_t>(y + hh + dy) + hw + x + dx);
+                    const auto nb = hn::LoadU(d8, c + offsets[i]);
                     acc = hn::Or(acc, hn::IfThenElseZero(hn::Lt(nb, centre),
                                                          hn::Set(d8, static_cast<uint8_t>(1u << bit))));
                 }
-                hn::StoreU(acc, d8, job.planes + b * job.plane_size + y * job.stride + x);
+                hn::StoreU(acc, d8, out + b * job.plane_size + x);
             }
         }
     }

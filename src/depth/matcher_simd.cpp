@@ -269,6 +269,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
     const auto p1 = hn::Set(d, static_cast<uint16_t>(pb.p1));
     const auto p2 = hn::Set(d, static_cast<uint16_t>(pb.p2));
     const auto inf = hn::Set(d, kGuard);
+    const auto iota0 = hn::Iota(d, 0), lanes = hn::Set(d, static_cast<uint16_t>(n));
     uint16_t* srow = second ? a.sums + static_cast<size_t>(y) * w * nd : st.sum_rows[slot].data();
     uint16_t* total = st.total.data();
     Winners& wn = *a.out;
@@ -303,6 +304,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
         const auto mv0 = hn::Set(d, pm[0]);
         const auto mv02 = hn::Add(mv0, p2);
         auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = hn::Set(d, uint16_t{0x7FFF}), firstk = inf;
+        auto k_lanes = iota0;
         for (int k = 0; k < nd; k += n) {
             const auto c = hn::PromoteTo(d, hn::LoadU(d8h, cost + k));
             const auto lv0 = Step(d, c, pv[0] + k, mv0, p1, mv02);
@@ -324,8 +326,9 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
                 hn::StoreU(sum, d, total + k);
                 // Sums stay below 0x8000 (at most 8 paths of 64 + p2 <= 4000): a signed compare.
                 const auto lower = hn::RebindMask(d, hn::Lt(hn::BitCast(di, sum), hn::BitCast(di, mintot)));
-                firstk = hn::IfThenElse(lower, hn::Iota(d, static_cast<uint16_t>(k)), firstk);
+                firstk = hn::IfThenElse(lower, k_lanes, firstk);
                 mintot = hn::Min(mintot, sum);
+                k_lanes = hn::Add(k_lanes, lanes);
             } else {
                 hn::StoreU(sum, d, sp + k);
             }

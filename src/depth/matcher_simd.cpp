@@ -56,6 +56,45 @@ void CensusRows(const CensusJob& job, int y0, int y1) {
     }
 }
 
+// The prefilter, as smooth3_reference: [1 2 1] along each row into rows, then down the columns.
+void Smooth3(const cv::Mat& src, cv::Mat& dst, uint16_t* HWY_RESTRICT rows) {
+    const hn::ScalableTag<uint16_t> d;
+    const hn::Rebind<uint8_t, decltype(d)> d8h;
+    const hn::RebindToSigned<decltype(d)> di;
+    const int n = static_cast<int>(hn::Lanes(d));
+    const int w = src.cols, h = src.rows;
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* s = src.ptr<uint8_t>(y);
+        uint16_t* o = rows + static_cast<size_t>(y) * w;
+        o[0] = static_cast<uint16_t>(3 * s[0] + s[std::min(1, w - 1)]);
+        int x = 1;
+        for (; x + n <= w - 1; x += n) {
+            const auto mid = hn::PromoteTo(d, hn::LoadU(d8h, s + x));
+            const auto sides = hn::Add(hn::PromoteTo(d, hn::LoadU(d8h, s + x - 1)),
+                                       hn::PromoteTo(d, hn::LoadU(d8h, s + x + 1)));
+            hn::StoreU(hn::Add(sides, hn::Add(mid, mid)), d, o + x);
+        }
+        for (; x < w - 1; ++x) o[x] = static_cast<uint16_t>(s[x - 1] + 2 * s[x] + s[x + 1]);
+        if (w > 1) o[w - 1] = static_cast<uint16_t>(s[w - 2] + 3 * s[w - 1]);
+    }
+    const auto eight = hn::Set(d, uint16_t{8});
+    for (int y = 0; y < h; ++y) {
+        const uint16_t* a = rows + static_cast<size_t>(std::max(y - 1, 0)) * w;
+        const uint16_t* b = rows + static_cast<size_t>(y) * w;
+        const uint16_t* c = rows + static_cast<size_t>(std::min(y + 1, h - 1)) * w;
+        uint8_t* o = dst.ptr<uint8_t>(y);
+        int x = 0;
+        for (; x + n <= w; x += n) {
+            const auto mid = hn::LoadU(d, b + x);
+            const auto sum = hn::Add(hn::Add(hn::LoadU(d, a + x), hn::LoadU(d, c + x)),
+                                     hn::Add(hn::Add(mid, mid), eight));
+            // At most 255 after the shift: the signed-to-unsigned narrowing keeps it.
+            hn::StoreU(hn::DemoteTo(d8h, hn::BitCast(di, hn::ShiftRight<4>(sum))), d8h, o + x);
+        }
+        for (; x < w; ++x) o[x] = static_cast<uint8_t>((a[x] + 2 * b[x] + c[x] + 8) >> 4);
+    }
+}
+
 // Popcount of each byte: one instruction on AVX-512 BITALG, else two nibble-table lookups.
 template <class D8>
 HWY_INLINE hn::Vec<D8> ByteBits(D8 d8, hn::Vec<D8> v) {
@@ -411,10 +450,14 @@ HWY_AFTER_NAMESPACE();
 namespace orvo {
 namespace depth {
 
+HWY_EXPORT(Smooth3);
 HWY_EXPORT(CensusRows);
 HWY_EXPORT(PassRow);
 HWY_EXPORT(HorizontalRows);
 
+void smooth3(const cv::Mat& src, cv::Mat& dst, uint16_t* rows) {
+    HWY_DYNAMIC_DISPATCH(Smooth3)(src, dst, rows);
+}
 void census_rows(const CensusJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(CensusRows)(job, y0, y1); }
 void pass_row(const PassArgs& a, PassState& st, int y, bool second, int slot) {
     HWY_DYNAMIC_DISPATCH(PassRow)(a, st, y, second, slot);

@@ -49,27 +49,6 @@ void fresh(cv::Mat& m, int rows, int cols, int type) {
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// dst = src smoothed by [1 2 1] x [1 2 1] / 16 (rounded), the edge replicated. rows: scratch.
-void smooth3(const cv::Mat& src, cv::Mat& dst, std::vector<uint16_t>& rows) {
-    const int w = src.cols, h = src.rows;
-    dst.create(h, w, CV_8U);
-    rows.resize(static_cast<size_t>(w) * h);
-    for (int y = 0; y < h; ++y) {
-        const uint8_t* s = src.ptr<uint8_t>(y);
-        uint16_t* o = rows.data() + static_cast<size_t>(y) * w;
-        o[0] = static_cast<uint16_t>(3 * s[0] + s[std::min(1, w - 1)]);
-        for (int x = 1; x < w - 1; ++x) o[x] = static_cast<uint16_t>(s[x - 1] + 2 * s[x] + s[x + 1]);
-        if (w > 1) o[w - 1] = static_cast<uint16_t>(s[w - 2] + 3 * s[w - 1]);
-    }
-    for (int y = 0; y < h; ++y) {
-        const uint16_t* a = rows.data() + static_cast<size_t>(std::max(y - 1, 0)) * w;
-        const uint16_t* b = rows.data() + static_cast<size_t>(y) * w;
-        const uint16_t* c = rows.data() + static_cast<size_t>(std::min(y + 1, h - 1)) * w;
-        uint8_t* o = dst.ptr<uint8_t>(y);
-        for (int x = 0; x < w; ++x) o[x] = static_cast<uint8_t>((a[x] + 2 * b[x] + c[x] + 8) >> 4);
-    }
-}
-
 }  // namespace
 
 struct StereoMatcher::Impl {
@@ -100,6 +79,15 @@ struct StereoMatcher::Impl {
         return pb;
     }
     void decide_rows(const depth::Problem& pb, int y0, int y1, int half);
+    void smooth(const cv::Mat& src, cv::Mat& dst, std::vector<uint16_t>& rows) const {
+        dst.create(src.size(), CV_8U);
+        rows.resize(src.total());
+        if (params.scalar_reference) depth::smooth3_reference(src, dst, rows.data());
+        else depth::smooth3(src, dst, rows.data());
+    }
+    static int16_t speckle_invalid(const depth::Problem& pb);
+    void to_fixed(const depth::Problem& pb, int y0, int y1);
+    void drop_speckles(const depth::Problem& pb, int y0, int y1);
     void run(const cv::Mat& left, const cv::Mat& right);
 };
 
@@ -178,11 +166,11 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
             threads(),
             [](void* j) {
                 auto* x = static_cast<Job*>(j);
-                smooth3(*x->left, x->self->smooth_left, x->self->smooth_rows[0]);
+                x->self->smooth(*x->left, x->self->smooth_left, x->self->smooth_rows[0]);
             },
             [](void* j) {
                 auto* x = static_cast<Job*>(j);
-                smooth3(*x->right, x->self->smooth_right, x->self->smooth_rows[1]);
+                x->self->smooth(*x->right, x->self->smooth_right, x->self->smooth_rows[1]);
             },
             &job);
         l = &smooth_left;
@@ -195,6 +183,7 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
 
     fresh(out.disparity, pb.height, pb.width, CV_32F);
     fresh(out.confidence, pb.height, pb.width, CV_8U);
+    if (params.speckle_window > 0) disp16.create(pb.height, pb.width, CV_16S);
     struct Ctx {
         Impl* self;
         const depth::Problem* pb;
@@ -204,35 +193,61 @@ void StereoMatcher::Impl::run(const cv::Mat& left, const cv::Mat& right) {
         [](void* c) {
             auto* x = static_cast<Ctx*>(c);
             x->self->decide_rows(*x->pb, 0, x->pb->height / 2, 0);
+            if (x->self->params.speckle_window > 0) x->self->to_fixed(*x->pb, 0, x->pb->height / 2);
         },
         [](void* c) {
             auto* x = static_cast<Ctx*>(c);
             x->self->decide_rows(*x->pb, x->pb->height / 2, x->pb->height, 1);
+            if (x->self->params.speckle_window > 0)
+                x->self->to_fixed(*x->pb, x->pb->height / 2, x->pb->height);
         },
         &ctx);
 
     if (params.speckle_window > 0) {
-        // filterSpeckles works on fixed point: 1/16 px, with a marker below every disparity.
-        const int16_t invalid = static_cast<int16_t>((pb.min_disp - 1) * 16);
-        disp16.create(pb.height, pb.width, CV_16S);
-        for (int y = 0; y < pb.height; ++y) {
-            const float* d = out.disparity.ptr<float>(y);
-            int16_t* o = disp16.ptr<int16_t>(y);
-            for (int x = 0; x < pb.width; ++x)
-                o[x] = std::isnan(d[x]) ? invalid : static_cast<int16_t>(cvRound(d[x] * 16));
-        }
-        cv::filterSpeckles(disp16, invalid, params.speckle_window, params.speckle_range * 16,
-                           speckle_buf);
-        for (int y = 0; y < pb.height; ++y) {
-            const int16_t* o = disp16.ptr<int16_t>(y);
-            float* d = out.disparity.ptr<float>(y);
-            uint8_t* c = out.confidence.ptr<uint8_t>(y);
-            for (int x = 0; x < pb.width; ++x)
-                if (o[x] == invalid) {
-                    d[x] = kNaN;
-                    c[x] = 0;
-                }
-        }
+        cv::filterSpeckles(disp16, speckle_invalid(pb), params.speckle_window,
+                           params.speckle_range * 16, speckle_buf);
+        simd.run_pair(
+            threads(),
+            [](void* c) {
+                auto* x = static_cast<Ctx*>(c);
+                x->self->drop_speckles(*x->pb, 0, x->pb->height / 2);
+            },
+            [](void* c) {
+                auto* x = static_cast<Ctx*>(c);
+                x->self->drop_speckles(*x->pb, x->pb->height / 2, x->pb->height);
+            },
+            &ctx);
+    }
+}
+
+// filterSpeckles works on fixed point: 1/16 px, with a marker below every disparity.
+int16_t StereoMatcher::Impl::speckle_invalid(const depth::Problem& pb) {
+    return static_cast<int16_t>((pb.min_disp - 1) * 16);
+}
+
+// Rows [y0, y1) of the disparity in fixed point, for the speckle filter.
+void StereoMatcher::Impl::to_fixed(const depth::Problem& pb, int y0, int y1) {
+    const int16_t invalid = speckle_invalid(pb);
+    for (int y = y0; y < y1; ++y) {
+        const float* d = out.disparity.ptr<float>(y);
+        int16_t* o = disp16.ptr<int16_t>(y);
+        for (int x = 0; x < pb.width; ++x)
+            o[x] = std::isnan(d[x]) ? invalid : static_cast<int16_t>(cvRound(d[x] * 16));
+    }
+}
+
+// Rows [y0, y1): what the speckle filter marked becomes invalid.
+void StereoMatcher::Impl::drop_speckles(const depth::Problem& pb, int y0, int y1) {
+    const int16_t invalid = speckle_invalid(pb);
+    for (int y = y0; y < y1; ++y) {
+        const int16_t* o = disp16.ptr<int16_t>(y);
+        float* d = out.disparity.ptr<float>(y);
+        uint8_t* c = out.confidence.ptr<uint8_t>(y);
+        for (int x = 0; x < pb.width; ++x)
+            if (o[x] == invalid) {
+                d[x] = kNaN;
+                c[x] = 0;
+            }
     }
 }
 

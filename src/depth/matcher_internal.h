@@ -39,6 +39,11 @@ struct Winners {
     void create(int height, int width);
 };
 
+// The prefilter: dst (CV_8U, src's size) = src smoothed by [1 2 1] x [1 2 1] / 16, rounded, the
+// edge replicated; rows: width x height scratch. The plain version and the vector one.
+void smooth3_reference(const cv::Mat& src, cv::Mat& dst, uint16_t* rows);
+void smooth3(const cv::Mat& src, cv::Mat& dst, uint16_t* rows);
+
 // The plain scalar implementation: the definition every vector kernel must match.
 void match_reference(const cv::Mat& left, const cv::Mat& right, const Problem& pb, Winners& out);
 

@@ -167,6 +167,13 @@ struct MatchCtx {
     SimdMatcher::Impl* m;
     PassArgs args;
     CensusJob census[2];
+    const cv::Mat *left, *right;
+
+    // The image with its edge replicated around it: half a census window, and slack on the right.
+    void pad(const cv::Mat& img, cv::Mat& padded) const {
+        const int hw = m->pb.census_w / 2, hh = m->pb.census_h / 2;
+        cv::copyMakeBorder(img, padded, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
+    }
 };
 
 
@@ -207,12 +214,7 @@ void SimdMatcher::match(const cv::Mat& left, const cv::Mat& right, const Problem
     Impl& m = *impl_;
     m.resize(pb);
     out.create(pb.height, pb.width);
-    const int hw = pb.census_w / 2, hh = pb.census_h / 2;
-    cv::copyMakeBorder(left, m.padded_left, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
-    cv::flip(right, m.flipped, 1);
-    cv::copyMakeBorder(m.flipped, m.padded_right, hh, hh, hw, hw + kSlack, cv::BORDER_REPLICATE);
-
-    MatchCtx c{&m, {}, {}};
+    MatchCtx c{&m, {}, {}, &left, &right};
     c.args = PassArgs{&m.pb, m.planes_left.data(), m.planes_right.data(), m.plane_size, m.stride,
                       m.right_offset, m.sums.get(), m.costs.get(), &out};
     c.census[0] = CensusJob{&m.padded_left, pb.width, pb.height, pb.census_w, pb.census_h, false,
@@ -223,10 +225,13 @@ void SimdMatcher::match(const cv::Mat& left, const cv::Mat& right, const Problem
         threads,
         [](void* p) {
             auto& c = *static_cast<MatchCtx*>(p);
+            c.pad(*c.left, c.m->padded_left);
             census_rows(c.census[0], 0, c.census[0].height);
         },
         [](void* p) {
             auto& c = *static_cast<MatchCtx*>(p);
+            cv::flip(*c.right, c.m->flipped, 1);
+            c.pad(c.m->flipped, c.m->padded_right);
             census_rows(c.census[1], 0, c.census[1].height);
         },
         &c);

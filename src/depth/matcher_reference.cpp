@@ -38,6 +38,24 @@ std::vector<uint64_t> census(const cv::Mat& img, int win_w, int win_h) {
 
 }  // namespace
 
+void smooth3_reference(const cv::Mat& src, cv::Mat& dst, uint16_t* rows) {
+    const int w = src.cols, h = src.rows;
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* s = src.ptr<uint8_t>(y);
+        uint16_t* o = rows + static_cast<size_t>(y) * w;
+        o[0] = static_cast<uint16_t>(3 * s[0] + s[std::min(1, w - 1)]);
+        for (int x = 1; x < w - 1; ++x) o[x] = static_cast<uint16_t>(s[x - 1] + 2 * s[x] + s[x + 1]);
+        if (w > 1) o[w - 1] = static_cast<uint16_t>(s[w - 2] + 3 * s[w - 1]);
+    }
+    for (int y = 0; y < h; ++y) {
+        const uint16_t* a = rows + static_cast<size_t>(std::max(y - 1, 0)) * w;
+        const uint16_t* b = rows + static_cast<size_t>(y) * w;
+        const uint16_t* c = rows + static_cast<size_t>(std::min(y + 1, h - 1)) * w;
+        uint8_t* o = dst.ptr<uint8_t>(y);
+        for (int x = 0; x < w; ++x) o[x] = static_cast<uint8_t>((a[x] + 2 * b[x] + c[x] + 8) >> 4);
+    }
+}
+
 // Costs C(x, y, k) from the Hamming distance of census codes; each path r accumulates
 // L(p, k) = C(p, k) + min(L(p-r, k), L(p-r, k±1) + P1, min_j L(p-r, j) + P2) - min_j L(p-r, j),
 // with L = C where p-r leaves the image; S is the sum over the paths.

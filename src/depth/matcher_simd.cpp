@@ -28,69 +28,141 @@ void CensusRows(const CensusJob& job, int y0, int y1) {
     const hn::ScalableTag<uint8_t> d8;
     const int n = static_cast<int>(hn::Lanes(d8));
     const int hw = job.win_w / 2, hh = job.win_h / 2, bits = job.win_w * job.win_h - 1;
+    const ptrdiff_t step = static_cast<ptrdiff_t>(job.padded->step[0]);
+    // Each bit's neighbour as an offset from the centre in the padded image, worked out once.
+    ptrdiff_t offsets[64];
+    for (int i = 0; i < bits; ++i) {
+        const int off = i < bits / 2 ? i : i + 1;  // skip the centre
+        const int dy = off / job.win_w - hh;
+        const int dx = (off % job.win_w - hw) * (job.mirrored ? -1 : 1);
+        offsets[i] = dy * step + dx;
+    }
     for (int y = y0; y < y1; ++y) {
+        const uint8_t* row = job.padded->ptr<uint8_t>(y + hh) + hw;
+        uint8_t* out = job.planes + y * job.stride;
         for (int x = 0; x < job.width; x += n) {
-            const auto centre = hn::LoadU(d8, job.padded->ptr<uint8_t>(y + hh) + hw + x);
-            int i = 0;
-            for (int b = 0; i < bits; ++b) {
+            const uint8_t* c = row + x;
+            const auto centre = hn::LoadU(d8, c);
+            for (int b = 0, i = 0; i < bits; ++b) {
                 auto acc = hn::Zero(d8);
                 for (int bit = 0; bit < 8 && i < bits; ++bit, ++i) {
-                    int off = i < (bits / 2) ? i : i + 1;  // skip the centre
-                    const int dy = off / job.win_w - hh;
-                    const int dx = (off % job.win_w - hw) * (job.mirrored ? -1 : 1);
-                    const auto nb = hn::LoadU(d8, job.padded->ptr<uint8_t>(y + hh + dy) + hw + x + dx);
+                    const auto nb = hn::LoadU(d8, c + offsets[i]);
                     acc = hn::Or(acc, hn::IfThenElseZero(hn::Lt(nb, centre),
                                                          hn::Set(d8, static_cast<uint8_t>(1u << bit))));
                 }
-                hn::StoreU(acc, d8, job.planes + b * job.plane_size + y * job.stride + x);
+                hn::StoreU(acc, d8, out + b * job.plane_size + x);
             }
         }
     }
 }
 
-// C(x, k) for one row: popcount of the XOR of the codes, byte plane by byte plane (nibble table).
-// The flipped right row puts the candidates k of pixel x side by side, at column
-// width-1-x+min_disp+k.
+// The prefilter, as smooth3_reference: [1 2 1] along each row into rows, then down the columns.
+void Smooth3(const cv::Mat& src, cv::Mat& dst, uint16_t* HWY_RESTRICT rows) {
+    const hn::ScalableTag<uint16_t> d;
+    const hn::Rebind<uint8_t, decltype(d)> d8h;
+    const hn::RebindToSigned<decltype(d)> di;
+    const int n = static_cast<int>(hn::Lanes(d));
+    const int w = src.cols, h = src.rows;
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* s = src.ptr<uint8_t>(y);
+        uint16_t* o = rows + static_cast<size_t>(y) * w;
+        o[0] = static_cast<uint16_t>(3 * s[0] + s[std::min(1, w - 1)]);
+        int x = 1;
+        for (; x + n <= w - 1; x += n) {
+            const auto mid = hn::PromoteTo(d, hn::LoadU(d8h, s + x));
+            const auto sides = hn::Add(hn::PromoteTo(d, hn::LoadU(d8h, s + x - 1)),
+                                       hn::PromoteTo(d, hn::LoadU(d8h, s + x + 1)));
+            hn::StoreU(hn::Add(sides, hn::Add(mid, mid)), d, o + x);
+        }
+        for (; x < w - 1; ++x) o[x] = static_cast<uint16_t>(s[x - 1] + 2 * s[x] + s[x + 1]);
+        if (w > 1) o[w - 1] = static_cast<uint16_t>(s[w - 2] + 3 * s[w - 1]);
+    }
+    const auto eight = hn::Set(d, uint16_t{8});
+    for (int y = 0; y < h; ++y) {
+        const uint16_t* a = rows + static_cast<size_t>(std::max(y - 1, 0)) * w;
+        const uint16_t* b = rows + static_cast<size_t>(y) * w;
+        const uint16_t* c = rows + static_cast<size_t>(std::min(y + 1, h - 1)) * w;
+        uint8_t* o = dst.ptr<uint8_t>(y);
+        int x = 0;
+        for (; x + n <= w; x += n) {
+            const auto mid = hn::LoadU(d, b + x);
+            const auto sum = hn::Add(hn::Add(hn::LoadU(d, a + x), hn::LoadU(d, c + x)),
+                                     hn::Add(hn::Add(mid, mid), eight));
+            // At most 255 after the shift: the signed-to-unsigned narrowing keeps it.
+            hn::StoreU(hn::DemoteTo(d8h, hn::BitCast(di, hn::ShiftRight<4>(sum))), d8h, o + x);
+        }
+        for (; x < w; ++x) o[x] = static_cast<uint8_t>((a[x] + 2 * b[x] + c[x] + 8) >> 4);
+    }
+}
+
+// Popcount of each byte: one instruction on AVX-512 BITALG, else two nibble-table lookups.
 template <class D8>
-void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* cost) {
-    const Problem& pb = *a.pb;
-    const int w = pb.width, nd = pb.ndisp, nb = pb.census_bytes();
-    const int n = static_cast<int>(hn::Lanes(d8));
+HWY_INLINE hn::Vec<D8> ByteBits(D8 d8, hn::Vec<D8> v) {
+#if HWY_TARGET == HWY_AVX3_DL
+    (void)d8;
+    return hn::PopulationCount(v);
+#else
     alignas(16) static constexpr uint8_t kBits[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
     const auto table = hn::LoadDup128(d8, kBits);
     const auto low = hn::Set(d8, uint8_t{0x0F});
+    return hn::Add(hn::TableLookupBytes(table, hn::And(v, low)),
+                   hn::TableLookupBytes(table, hn::ShiftRight<4>(v)));
+#endif
+}
+
+// kChunks vectors of candidates of one pixel, summed over the byte planes in registers: each
+// plane's left byte is broadcast once for all of them.
+template <int kChunks, class D8>
+HWY_INLINE void CostChunks(D8 d8, const uint8_t* HWY_RESTRICT l, const uint8_t* HWY_RESTRICT r,
+                           size_t plane, int nb, uint8_t* HWY_RESTRICT out) {
+    const size_t n = hn::Lanes(d8);
+    auto a0 = hn::Zero(d8), a1 = hn::Zero(d8), a2 = hn::Zero(d8), a3 = hn::Zero(d8);
+    for (int b = 0; b < nb; ++b, l += plane, r += plane) {
+        const auto lv = hn::Set(d8, *l);
+        a0 = hn::Add(a0, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r))));
+        if constexpr (kChunks > 1) a1 = hn::Add(a1, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r + n))));
+        if constexpr (kChunks > 2) a2 = hn::Add(a2, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r + 2 * n))));
+        if constexpr (kChunks > 3) a3 = hn::Add(a3, ByteBits(d8, hn::Xor(lv, hn::LoadU(d8, r + 3 * n))));
+    }
+    hn::StoreU(a0, d8, out);
+    if constexpr (kChunks > 1) hn::StoreU(a1, d8, out + n);
+    if constexpr (kChunks > 2) hn::StoreU(a2, d8, out + 2 * n);
+    if constexpr (kChunks > 3) hn::StoreU(a3, d8, out + 3 * n);
+}
+
+// C(x, k) for one row: popcount of the XOR of the codes, byte plane by byte plane.
+// The flipped right row puts the candidates k of pixel x side by side, at column
+// width-1-x+min_disp+k.
+template <class D8>
+void CostRow(D8 d8, const PassArgs& a, int y, uint8_t* HWY_RESTRICT cost) {
+    const Problem& pb = *a.pb;
+    const int w = pb.width, nd = pb.ndisp, nb = pb.census_bytes(), min_disp = pb.min_disp;
+    const int n = static_cast<int>(hn::Lanes(d8));
+    const size_t plane = a.plane_size;
     const uint8_t* lrow = a.left_planes + y * a.stride;
     const uint8_t* rrow = a.right_planes + y * a.stride + a.right_offset;
     for (int x = 0; x < w; ++x) {
-        const uint8_t* r = rrow + (w - 1 - x + pb.min_disp);
-        for (int k = 0; k < nd; k += n) {
-            auto acc = hn::Zero(d8);
-            for (int b = 0; b < nb; ++b) {
-                const auto l = hn::Set(d8, lrow[b * a.plane_size + x]);
-                const auto v = hn::Xor(l, hn::LoadU(d8, r + b * a.plane_size + k));
-#if HWY_TARGET == HWY_AVX3_DL
-                (void)table;
-                (void)low;
-                acc = hn::Add(acc, hn::PopulationCount(v));
-#else
-                acc = hn::Add(acc, hn::Add(hn::TableLookupBytes(table, hn::And(v, low)),
-                                           hn::TableLookupBytes(table, hn::ShiftRight<4>(v))));
-#endif
-            }
-            hn::StoreU(acc, d8, cost + x * nd + k);
+        const uint8_t* r = rrow + (w - 1 - x + min_disp);
+        uint8_t* out = cost + static_cast<size_t>(x) * nd;
+        int k = 0;
+        for (; k + 4 * n <= nd; k += 4 * n) CostChunks<4>(d8, lrow + x, r + k, plane, nb, out + k);
+        switch ((nd - k) / n) {
+            case 3: CostChunks<3>(d8, lrow + x, r + k, plane, nb, out + k); break;
+            case 2: CostChunks<2>(d8, lrow + x, r + k, plane, nb, out + k); break;
+            case 1: CostChunks<1>(d8, lrow + x, r + k, plane, nb, out + k); break;
+            default: break;
         }
     }
-    // Candidates whose right pixel leaves the image.
-    const int xlo = pb.first_valid_x(), xhi = pb.last_valid_x();
-    for (int x = 0; x < w; ++x) {
-        if (x >= xlo && x <= xhi) {
-            x = xhi;
-            continue;
-        }
-        for (int k = 0; k < nd; ++k) {
-            const int xr = x - pb.min_disp - k;
-            if (xr < 0 || xr >= w) cost[x * nd + k] = static_cast<uint8_t>(pb.outside_cost());
-        }
+    // Candidates whose right pixel x - min_disp - k leaves the image: k > x - min_disp on the
+    // left, k <= x - min_disp - w on the right.
+    const uint8_t outside = static_cast<uint8_t>(pb.outside_cost());
+    for (int x = 0; x < std::min(w, pb.first_valid_x()); ++x) {
+        const int k0 = std::max(0, x - min_disp + 1);
+        if (k0 < nd) std::memset(cost + static_cast<size_t>(x) * nd + k0, outside, nd - k0);
+    }
+    for (int x = std::max(0, pb.last_valid_x() + 1); x < w; ++x) {
+        const int k1 = std::min(nd, x - min_disp - w + 1);
+        if (k1 > 0) std::memset(cost + static_cast<size_t>(x) * nd, outside, k1);
     }
 }
 
@@ -192,16 +264,19 @@ struct WinnerRow {
 template <class D>
 HWY_INLINE void Winner(D d, int nd, const uint16_t* total, hn::Vec<D> lowest, hn::Vec<D> first,
                        const WinnerRow& out, int x) {
+    const hn::RebindToSigned<D> di;
     const int n = static_cast<int>(hn::Lanes(d));
     const auto inf = hn::Set(d, kGuard);
     const uint16_t best_cost = MinLane(d, lowest);
     const int best = MinLane(d, hn::IfThenElse(hn::Eq(lowest, hn::Set(d, best_cost)), first, inf));
-    const auto from = hn::Set(d, static_cast<uint16_t>(best - 1));
-    const auto three = hn::Set(d, uint16_t{3});
+    const auto bestv = hn::Set(di, static_cast<int16_t>(best));
+    const auto two = hn::Set(di, int16_t{2}), step = hn::Set(di, static_cast<int16_t>(n));
+    auto k_lanes = hn::Iota(di, 0);
     auto second_min = inf;
     for (int k = 0; k < nd; k += n) {
-        const auto close = hn::Lt(hn::Sub(hn::Iota(d, static_cast<uint16_t>(k)), from), three);
+        const auto close = hn::RebindMask(d, hn::Lt(hn::Abs(hn::Sub(k_lanes, bestv)), two));
         second_min = hn::Min(second_min, hn::IfThenElse(close, inf, hn::LoadU(d, total + k)));
+        k_lanes = hn::Add(k_lanes, step);
     }
     out.best[x] = static_cast<uint16_t>(best);
     out.cost[x] = best_cost;
@@ -219,6 +294,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
     const int w = pb.width, nd = pb.ndisp, ls = nd + 2 * kGuardLanes;
     const int n = static_cast<int>(hn::Lanes(d));
     const hn::Rebind<uint8_t, D> d8h;
+    const hn::RebindToSigned<D> di;
     uint8_t* costs = second ? a.costs + static_cast<size_t>(y) * w * nd : st.cost_rows[slot].data();
     if (!second) {
         if (nd % hn::Lanes(hn::ScalableTag<uint8_t>()) == 0)
@@ -232,6 +308,7 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
     const auto p1 = hn::Set(d, static_cast<uint16_t>(pb.p1));
     const auto p2 = hn::Set(d, static_cast<uint16_t>(pb.p2));
     const auto inf = hn::Set(d, kGuard);
+    const auto iota0 = hn::Iota(d, 0), lanes = hn::Set(d, static_cast<uint16_t>(n));
     uint16_t* srow = second ? a.sums + static_cast<size_t>(y) * w * nd : st.sum_rows[slot].data();
     uint16_t* total = st.total.data();
     Winners& wn = *a.out;
@@ -265,7 +342,8 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
 
         const auto mv0 = hn::Set(d, pm[0]);
         const auto mv02 = hn::Add(mv0, p2);
-        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = inf, firstk = inf;
+        auto minv0 = inf, minv1 = inf, minv2 = inf, mintot = hn::Set(d, uint16_t{0x7FFF}), firstk = inf;
+        auto k_lanes = iota0;
         for (int k = 0; k < nd; k += n) {
             const auto c = hn::PromoteTo(d, hn::LoadU(d8h, cost + k));
             const auto lv0 = Step(d, c, pv[0] + k, mv0, p1, mv02);
@@ -285,8 +363,11 @@ void PassRowT(D d, const PassArgs& a, PassState& st, int y, int slot) {
             if (second) {
                 sum = hn::Add(sum, hn::LoadU(d, sp + k));
                 hn::StoreU(sum, d, total + k);
-                firstk = hn::IfThenElse(hn::Lt(sum, mintot), hn::Iota(d, static_cast<uint16_t>(k)), firstk);
+                // Sums stay below 0x8000 (at most 8 paths of 64 + p2 <= 4000): a signed compare.
+                const auto lower = hn::RebindMask(d, hn::Lt(hn::BitCast(di, sum), hn::BitCast(di, mintot)));
+                firstk = hn::IfThenElse(lower, k_lanes, firstk);
                 mintot = hn::Min(mintot, sum);
+                k_lanes = hn::Add(k_lanes, lanes);
             } else {
                 hn::StoreU(sum, d, sp + k);
             }
@@ -369,10 +450,14 @@ HWY_AFTER_NAMESPACE();
 namespace orvo {
 namespace depth {
 
+HWY_EXPORT(Smooth3);
 HWY_EXPORT(CensusRows);
 HWY_EXPORT(PassRow);
 HWY_EXPORT(HorizontalRows);
 
+void smooth3(const cv::Mat& src, cv::Mat& dst, uint16_t* rows) {
+    HWY_DYNAMIC_DISPATCH(Smooth3)(src, dst, rows);
+}
 void census_rows(const CensusJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(CensusRows)(job, y0, y1); }
 void pass_row(const PassArgs& a, PassState& st, int y, bool second, int slot) {
     HWY_DYNAMIC_DISPATCH(PassRow)(a, st, y, second, slot);

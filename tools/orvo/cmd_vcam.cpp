@@ -74,7 +74,7 @@ int runVcam(int argc, char** argv, int first) {
     cmd.option({"device", Value::Required, "PATH", "the node path the virtual camera takes", kDefaultNode});
     cmd.option({"source", Value::Required, "SCENE",
                 "what it shows: 'pattern', a scene file, a recording (FILE.raw or raw:FILE)", "built-in scene"});
-    cmd.option({"faults", Value::Required, "SPEC", "faults to inject, e.g. DQBUF@10=EIO (see the virtual camera's README)", ""});
+    cmd.option({"faults", Value::Required, "LIST", "faults to inject, e.g. DQBUF@10=EIO (see the virtual camera's README)", ""});
     cmd.option({"fps", Value::Required, "RATE", "frame rate; 0 = free-running", "the rate the program asks for"});
     cmd.option({"log", Value::None, "", "log every request of the node on standard error", ""});
     cmd.option({"print-env", Value::None, "", "print the variables as shell 'export' lines and exit", ""});

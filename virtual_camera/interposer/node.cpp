@@ -21,11 +21,10 @@ namespace vcam {
 namespace node {
 namespace {
 
-bool isNode(int dirfd, const char* path) {
-    const char* node = std::getenv("ORVO_VCAM_DEVICE");
-    if (!node || !*node || !path) return false;
-    if (path[0] != '/' && dirfd != AT_FDCWD) return false;
-    return std::strcmp(path, node) == 0;
+// The node's position in ORVO_VCAM_DEVICE, or -1.
+int whichNode(int dirfd, const char* path) {
+    if (!path || (path[0] != '/' && dirfd != AT_FDCWD)) return -1;
+    return nodeIndex(path);
 }
 
 // A copy of /proc/meminfo without its "MemFree:" line, as a stream read from memory.
@@ -52,15 +51,25 @@ FILE* meminfoWithoutMemFree() {
 // Each open gets a new open file description of the session's memory, with its own flags, and
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
 // that the node, like a real one, gets the lowest free descriptor and costs exactly one.
+// While the node is unplugged it is not there: ENOENT.
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
-    if (t_inside || !isNode(dirfd, path)) return false;
+    if (t_inside) return false;
+    const int index = whichNode(dirfd, path);
+    if (index < 0) return false;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    int anchor = anyDescriptor(reg), fresh = -1;
-    if (!reg.device) {
+    Node& node = nodeFor(reg, path);
+    if (!present(node, monotonicNs())) {
+        logResult(reg, -1, "open", -1, ENOENT);
+        errno = ENOENT;
+        *result = -1;
+        return true;
+    }
+    int anchor = node.session ? anyDescriptor(reg, *node.session) : -1, fresh = -1;
+    if (!node.session) {
         std::string error;
-        if (!startSession(reg, &fresh, &error)) {
+        if (!startSession(reg, node, index, &fresh, &error)) {
             say("cannot open %s: %s", path, error.c_str());
             errno = EINVAL;
             *result = -1;
@@ -68,7 +77,8 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
         }
         anchor = fresh;
     }
-    int error = reg.device->countOpen();
+    std::shared_ptr<Session> session = node.session;
+    int error = session->device->countOpen();
     int fd = -1;
     if (!error) {
         fd = reopenDescriptor(anchor, flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC));
@@ -82,13 +92,14 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
     }
     if (fresh >= 0) real::close(fresh);
     if (error) {
-        if (reg.files.empty()) endSession(reg);
+        if (session->files == 0) endSession(reg, *session);
         logResult(reg, -1, "open", -1, error);
         errno = error;
         *result = -1;
         return true;
     }
-    reg.files[fd] = OpenFile{reg.next_file_id++, fd};
+    reg.files[fd] = OpenEntry{OpenFile{reg.next_file_id++, fd}, session};
+    ++session->files;
     g_open_files.fetch_add(1);
     logResult(reg, fd, (flags & O_NONBLOCK) ? "open (non-blocking)" : "open", fd, 0);
     *result = fd;
@@ -99,17 +110,18 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
 bool interceptClose(int fd, int* result) {
     if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    OpenFile* file = findFile(reg, fd);
-    if (!file) return false;
-    int injected = reg.device->countClose();
-    reg.device->release(file->id);
+    OpenEntry* entry = findFile(reg, fd);
+    if (!entry) return false;
+    std::shared_ptr<Session> session = entry->session;
+    int injected = session->device->unplugged() ? 0 : session->device->countClose();
+    session->device->release(entry->file.id);
     reg.files.erase(fd);
     g_open_files.fetch_sub(1);
     int r = real::close(fd);
     int error = errno;
-    if (reg.files.empty()) endSession(reg);
+    if (--session->files == 0) endSession(reg, *session);
     if (injected) {
         r = -1;
         error = injected;
@@ -123,13 +135,15 @@ bool interceptClose(int fd, int* result) {
 bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    OpenFile* found = findFile(reg, fd);
+    OpenEntry* found = findFile(reg, fd);
     if (!found) return false;
-    OpenFile file = *found;
-    std::shared_ptr<Device> device = reg.device;  // a waiting dequeue may outlive the session
-    int r = device->request(file, request, arg, lock);
+    OpenFile file = found->file;
+    std::shared_ptr<Session> session = found->session;  // a waiting dequeue may outlive the session
+    const bool was_plugged = !session->device->unplugged();
+    int r = session->device->request(file, request, arg, lock);
+    if (was_plugged && session->device->unplugged()) noteUnplug(reg, *session);
     if (reg.log) logResult(reg, fd, describeRequest(request).c_str(), r < 0 ? -1 : r, -r);
     if (r < 0) {
         errno = -r;
@@ -140,7 +154,7 @@ bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     return true;
 }
 
-// The meminfo faults apply while a descriptor of the node is open.
+// The meminfo faults of each node apply while a descriptor of it is open.
 bool interceptFopen(const char* path, FILE** result) {
     if (t_inside || !path || std::strcmp(path, "/proc/meminfo") != 0 || g_open_files.load() == 0)
         return false;
@@ -148,9 +162,14 @@ bool interceptFopen(const char* path, FILE** result) {
     bool hide = false;
     int error = 0;
     {
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        if (!reg.device) return false;
-        error = reg.device->countMeminfo(&hide);
+        RegistryLock lock(reg.mutex);
+        for (auto& n : reg.nodes) {
+            if (!n.second->session) continue;
+            bool hides = false;
+            const int e = n.second->session->device->countMeminfo(&hides);
+            if (!error) error = e;
+            hide = hide || hides;
+        }
     }
     if (error) {
         errno = error;

@@ -43,28 +43,28 @@ int msUntil(int64_t when_ns, int64_t now_ns) {
 // poll over node descriptors and others: the node's readiness comes from its device, the others'
 // from the kernel, looked at in short slices while the node has nothing. deadline_ns < 0 waits
 // for ever. Called with the lock held; returns poll's result (errno set on failure).
-int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nfds_t n, int64_t deadline_ns) {
+int pollMixed(Registry& reg, RegistryLock& lock, pollfd* fds, nfds_t n, int64_t deadline_ns) {
     std::vector<pollfd> others(fds, fds + n);
     for (;;) {
-        std::shared_ptr<Device> device = reg.device;
         int ready = 0;
         bool any_other = false;
+        int64_t wake = deadline_ns;
         for (nfds_t i = 0; i < n; ++i) {
             fds[i].revents = 0;
             others[i].fd = fds[i].fd;
             if (fds[i].fd < 0) continue;
-            if (device && findFile(reg, fds[i].fd)) {
-                fds[i].revents = nodeEvents(*device, fds[i].events);
+            if (OpenEntry* entry = findFile(reg, fds[i].fd)) {
+                Device& device = *entry->session->device;
+                fds[i].revents = nodeEvents(device, fds[i].events);
                 ready += fds[i].revents != 0;
                 others[i].fd = -1;
+                int64_t change = device.nextChangeNs();
+                if (change >= 0 && (wake < 0 || change < wake)) wake = change;
             } else {
                 any_other = true;
             }
         }
         int64_t now = monotonicNs();
-        int64_t wake = deadline_ns;
-        int64_t change = device ? device->nextChangeNs() : -1;
-        if (change >= 0 && (wake < 0 || change < wake)) wake = change;
         if (any_other) {
             int64_t slice_end = now + kOtherSliceNs;
             int slice = ready ? 0 : msUntil(wake >= 0 && wake < slice_end ? wake : slice_end, now);
@@ -80,8 +80,8 @@ int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nf
                 if (others[i].fd >= 0) fds[i].revents = others[i].revents;
             ready += r;
         } else if (!ready) {
-            if (wake < 0) reg.wake.wait(lock);
-            else reg.wake.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wake)));
+            if (wake < 0) lock.wait(reg.wake);
+            else lock.waitUntil(reg.wake, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wake)));
         }
         if (ready) return ready;
         if (deadline_ns >= 0 && monotonicNs() >= deadline_ns) return 0;
@@ -93,7 +93,7 @@ int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nf
 bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result) {
     if (t_inside || g_open_files.load() == 0 || !fds) return false;
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     if (!anyNode(reg, fds, nfds)) return false;
     int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
     *result = pollMixed(reg, lock, fds, nfds, deadline);
@@ -115,7 +115,7 @@ bool interceptSelect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* except
         if (events) fds.push_back(pollfd{fd, events, 0});
     }
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     if (!anyNode(reg, fds.data(), fds.size())) return false;
     int64_t start = monotonicNs();
     int64_t deadline = timeout ? start + int64_t(timeout->tv_sec) * 1000000000 + int64_t(timeout->tv_usec) * 1000 : -1;

@@ -16,6 +16,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/include/OrvoCamera.h ${PROJECT_SOURCE_DIR}/i
               ${PROJECT_SOURCE_DIR}/include/video_device.h ${PROJECT_SOURCE_DIR}/include/ZUNCVHelper.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo COMPONENT development)
 # The virtual camera's public headers only; its interposer's stay in the source tree.
+# The modern API's headers, included as <orvo/camera.hpp> and so on.
+file(GLOB ORVO_MODERN_HEADERS ${PROJECT_SOURCE_DIR}/include/orvo/*.hpp)
+install(FILES ${ORVO_MODERN_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/orvo/vcam/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvo/vcam
         COMPONENT development FILES_MATCHING PATTERN "*.hpp")
 

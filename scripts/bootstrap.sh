@@ -6,7 +6,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
 shift || true
 
-packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool)
+packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool libhwy-dev pcl-tools python3-dev python3-pybind11 python3-numpy python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

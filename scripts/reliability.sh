@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The reliability checks beyond the normal suite, in their CI form: the whole suite built and run
-# under AddressSanitizer + UndefinedBehaviorSanitizer, then every fuzz target on a fixed
+# under AddressSanitizer + UndefinedBehaviorSanitizer, the threaded runtime suites under
+# ThreadSanitizer, then every fuzz target on a fixed
 # budget of inputs from a fixed seed (the same bounded walk on every machine).
 # (The normal suite itself carries the fault matrix, the bad-input suite and the short soak.)
 # Usage: scripts/reliability.sh [FUZZ_SECONDS_PER_TARGET | ci]     (default ci)
@@ -19,5 +20,7 @@ fi
 
 echo "== sanitizers: the whole suite under ASan + UBSan"
 "$root/scripts/sanitize.sh"
+echo "== ThreadSanitizer: the runtime suites"
+"$root/scripts/tsan.sh"
 echo "== fuzzing (budget: ${fuzz_budget})"
 "$root/fuzz/run.sh" "$fuzz_budget"

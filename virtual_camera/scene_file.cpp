@@ -217,9 +217,11 @@ bool readRender(const cv::FileNode& node, SceneRender& render, std::string* erro
     r.number("diffuse", render.diffuse);
     r.number("background", render.background);
     r.flag("follow_motion", render.follow_motion);
+    r.number("noise", render.noise);
     if (!r.error().empty()) return fail(error, r.error());
     if (render.samples < 1 || render.samples > 8) return fail(error, "render.samples must be 1 to 8");
     if (cv::norm(render.light_direction) < 1e-9) return fail(error, "render.light_direction must not be zero");
+    if (!(render.noise >= 0 && render.noise <= 64)) return fail(error, "render.noise must be 0 to 64 grey levels");
     return true;
 }
 
@@ -354,7 +356,9 @@ bool saveScene(const std::string& path, const Scene& s, std::string* error) {
         const SceneRender& g = s.render;
         fs << "render" << "{" << "samples" << g.samples << "light_direction" << g.light_direction
            << "ambient" << g.ambient << "diffuse" << g.diffuse << "background" << g.background
-           << "follow_motion" << int(g.follow_motion) << "}";
+           << "follow_motion" << int(g.follow_motion);
+        if (g.noise > 0) fs << "noise" << g.noise;  // noiseless scenes keep their files as before
+        fs << "}";
         fs << "objects" << "[";
         for (const SceneObject& o : s.objects) writeObject(fs, o);
         fs << "]";

@@ -113,6 +113,16 @@ void intersectBox(const Shape& s, const cv::Vec3d& o, const cv::Vec3d& d, Hit& h
            std::fabs(ld[axis])};
 }
 
+// The nearest surface along the unit direction d from o.
+Hit castRay(const std::vector<Shape>& shapes, const cv::Vec3d& o, const cv::Vec3d& d) {
+    Hit hit;
+    for (const Shape& s : shapes) {
+        if (s.kind == SceneObject::kPlane) intersectPlane(s, o, d, hit);
+        else intersectBox(s, o, d, hit);
+    }
+    return hit;
+}
+
 uint32_t hash3(int32_t x, int32_t y, uint32_t seed) {
     uint32_t h = uint32_t(x) * 0x8DA6B343u ^ uint32_t(y) * 0xD8163841u ^ seed * 0xCB1AB31Fu;
     h ^= h >> 16;
@@ -202,6 +212,7 @@ struct SceneRenderer::Impl {
     SceneRender settings;
     double pixel_angle = 1;     // radians between neighbouring pixels near the image centre
 
+    std::vector<Shape> localShapes(const ScenePose& pose) const;
     void renderLens(int lens, const std::vector<Shape>& local, cv::Mat& out) const;
     double shadeSample(const std::vector<Shape>& local, const cv::Vec3d& origin, cv::Vec3d d,
                        int& surface) const;
@@ -212,12 +223,7 @@ struct SceneRenderer::Impl {
 // Grey seen along direction d from origin, and which surface (object * 6 + face, -1 for none).
 double SceneRenderer::Impl::shadeSample(const std::vector<Shape>& local, const cv::Vec3d& origin,
                                         cv::Vec3d d, int& surface) const {
-    d = cv::normalize(d);
-    Hit hit;
-    for (const Shape& s : local) {
-        if (s.kind == SceneObject::kPlane) intersectPlane(s, origin, d, hit);
-        else intersectBox(s, origin, d, hit);
-    }
+    const Hit hit = castRay(local, origin, cv::normalize(d));
     if (!hit.shape) {
         surface = -1;
         return settings.background;
@@ -275,11 +281,17 @@ void SceneRenderer::Impl::renderLens(int lens, const std::vector<Shape>& local, 
             }
         }
     });
+    cv::Mat noise = cv::Mat::zeros(r.size(), CV_32F);
+    if (settings.noise > 0) {
+        cv::RNG rng(0x6e6f6973ULL + uint64_t(lens));
+        rng.fill(noise, cv::RNG::NORMAL, 0.0, settings.noise);
+    }
     out.create(r.size(), CV_8UC1);
     forRowBands(r.rows, [&](int first, int end) {
         for (int y = first; y < end; ++y) {
             const int* id = surfaces.ptr<int>(y);
             const float* g = grey.ptr<float>(y);
+            const float* n = noise.ptr<float>(y);
             uint8_t* dst = out.ptr<uint8_t>(y);
             for (int x = 0; x < r.cols; ++x) {
                 bool boundary = false;
@@ -289,7 +301,8 @@ void SceneRenderer::Impl::renderLens(int lens, const std::vector<Shape>& local, 
                         boundary = boundary || nid[nx] != id[x];
                 }
                 const bool sample = boundary && id[x] != -2 && settings.samples > 1;
-                dst[x] = cv::saturate_cast<uint8_t>(sample ? supersample(local, origin, r, x, y) : g[x]);
+                const double value = sample ? supersample(local, origin, r, x, y) : g[x];
+                dst[x] = cv::saturate_cast<uint8_t>(value + n[x]);
             }
         }
     });
@@ -310,16 +323,65 @@ SceneRenderer::SceneRenderer(const Scene& scene, const Rig& rig) {
     impl_ = impl;
 }
 
-// Renders the left and right lens images seen from `pose` (8-bit, the rig's size).
-void SceneRenderer::render(const ScenePose& pose, cv::Mat& left, cv::Mat& right) const {
+// The objects in the left lens frame of a pose.
+std::vector<Shape> SceneRenderer::Impl::localShapes(const ScenePose& pose) const {
     const cv::Matx33d to_camera = pose.world_from_camera.t();
-    std::vector<Shape> local = impl_->shapes;
+    std::vector<Shape> local = shapes;
     for (Shape& s : local) {
         s.centre = to_camera * (s.centre - pose.position);
         s.axes = to_camera * s.axes;
     }
+    return local;
+}
+
+// Renders the left and right lens images seen from `pose` (8-bit, the rig's size).
+void SceneRenderer::render(const ScenePose& pose, cv::Mat& left, cv::Mat& right) const {
+    const std::vector<Shape> local = impl_->localShapes(pose);
     impl_->renderLens(0, local, left);
     impl_->renderLens(1, local, right);
+}
+
+// One ray per rectified pixel centre from the left lens centre; a hit is visible to the right lens
+// when the segment from the right lens centre to it meets nothing nearer (1 mm slack for the
+// rounding of the two casts) and its rectified column in the right image is not left of 0.
+DepthTruth SceneRenderer::depthTruth(const ScenePose& pose, const cv::Mat& R1, const cv::Mat& P1,
+                                     const cv::Mat& P2, cv::Size size) const {
+    const std::vector<Shape> local = impl_->localShapes(pose);
+    const cv::Matx33d rect(R1.ptr<double>());             // left lens frame -> rectified frame
+    const cv::Matx33d from_rect = rect.t();
+    const cv::Matx34d p1(P1.ptr<double>()), p2(P2.ptr<double>());
+    const double fx = p1(0, 0), fy = p1(1, 1), cx = p1(0, 2), cy = p1(1, 2);
+    const double baseline = -p2(0, 3) / p2(0, 0);
+    const cv::Vec3d left_centre = impl_->centres[0], right_centre = impl_->centres[1];
+    DepthTruth t;
+    t.disparity.create(size, CV_32F);
+    t.depth.create(size, CV_32F);
+    t.visible.create(size, CV_8U);
+    forRowBands(size.height, [&](int first, int end) {
+        for (int y = first; y < end; ++y) {
+            float* disparity = t.disparity.ptr<float>(y);
+            float* depth = t.depth.ptr<float>(y);
+            uint8_t* visible = t.visible.ptr<uint8_t>(y);
+            for (int x = 0; x < size.width; ++x) {
+                const cv::Vec3d d = cv::normalize(from_rect * cv::Vec3d((x - cx) / fx, (y - cy) / fy, 1));
+                const Hit hit = castRay(local, left_centre, d);
+                const cv::Vec3d p = left_centre + d * hit.t;
+                const double z = hit.shape ? (rect * p)[2] : 0;
+                if (!(z > 0)) {
+                    disparity[x] = depth[x] = std::numeric_limits<float>::quiet_NaN();
+                    visible[x] = 0;
+                    continue;
+                }
+                depth[x] = float(z);
+                disparity[x] = float(fx * baseline / z);
+                const cv::Vec3d to_point = p - right_centre;
+                const double length = cv::norm(to_point);
+                const Hit seen = castRay(local, right_centre, to_point / length);
+                visible[x] = (seen.t > length - 1e-3 && x - disparity[x] >= 0) ? 255 : 0;
+            }
+        }
+    });
+    return t;
 }
 
 }  // namespace vcam

@@ -7,3 +7,5 @@
 #include "orvo/error.hpp"
 #include "orvo/frame.hpp"
 #include "orvo/geometry.hpp"
+#include "orvo/point_cloud.hpp"
+#include "orvo/stereo_matcher.hpp"

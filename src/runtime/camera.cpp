@@ -9,9 +9,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "frame_builder.h"
 #include "frame_geometry.h"
@@ -35,6 +35,38 @@ const char* to_string(CameraState state) {
 using runtime::Dequeue;
 using runtime::V4l2Stream;
 
+namespace {
+
+// The frames waiting for grab(), oldest first, in slots made once with the camera: handing frames
+// in and out allocates nothing (a deque would take and free a block every other frame).
+class FrameQueue {
+public:
+    explicit FrameQueue(size_t depth) : slots_(std::max<size_t>(depth, 1)) {}
+    bool empty() const { return count_ == 0; }
+    bool full() const { return count_ == slots_.size(); }
+    void push(Frame&& f) {
+        slots_[(head_ + count_) % slots_.size()] = std::move(f);
+        ++count_;
+    }
+    Frame pop() {
+        Frame f(std::move(slots_[head_]));
+        head_ = (head_ + 1) % slots_.size();
+        --count_;
+        return f;
+    }
+    void dropOldest() { pop(); }  // its planes go back to the pool as the frame goes
+    void clear() {
+        while (!empty()) dropOldest();
+    }
+
+private:
+    std::vector<Frame> slots_;
+    size_t head_ = 0;
+    size_t count_ = 0;
+};
+
+}  // namespace
+
 struct Camera::Impl {
     Impl(const std::string& n, const CameraOptions& o);
     ~Impl();
@@ -56,7 +88,7 @@ struct Camera::Impl {
     // Shared with grab(), state() and stats(): guarded by mutex.
     mutable std::mutex mutex;
     std::condition_variable ready;
-    std::deque<Frame> queue;
+    FrameQueue queue;
     CameraState state = CameraState::streaming;
     CameraStats stats;
     std::atomic<bool> stopping{false};
@@ -77,7 +109,8 @@ struct Camera::Impl {
 
 // Everything that can fail happens before the thread starts, so a throw leaves nothing running;
 // the calibration is read first so that bad files cost no camera session.
-Camera::Impl::Impl(const std::string& n, const CameraOptions& o) : node(n), options(o) {
+Camera::Impl::Impl(const std::string& n, const CameraOptions& o)
+    : node(n), options(o), queue(o.queue_depth) {
     if (options.rectify && (options.intrinsics_file.empty() || options.extrinsics_file.empty()))
         throw Error(EINVAL, "rectify needs CameraOptions::intrinsics_file and extrinsics_file");
     if (!options.intrinsics_file.empty() && !options.extrinsics_file.empty())
@@ -185,11 +218,11 @@ void Camera::Impl::deliver(const v4l2_buffer& buf) {
     stats.drops += gaps;
     ++stats.frames;
     if (state != CameraState::streaming) return;
-    while (queue.size() >= std::max<size_t>(options.queue_depth, 1)) {
-        queue.pop_front();
+    if (queue.full()) {
+        queue.dropOldest();
         ++stats.discarded;
     }
-    queue.push_back(std::move(f));
+    queue.push(std::move(f));
     lock.unlock();
     ready.notify_one();
 }
@@ -257,9 +290,7 @@ std::optional<Frame> Camera::grab(std::chrono::milliseconds timeout) {
         return !impl_->queue.empty() || impl_->state == CameraState::closed;
     });
     if (impl_->queue.empty()) return std::nullopt;
-    std::optional<Frame> f(std::move(impl_->queue.front()));
-    impl_->queue.pop_front();
-    return f;
+    return impl_->queue.pop();
 }
 
 CameraState Camera::state() const {

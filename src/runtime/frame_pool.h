@@ -1,4 +1,5 @@
-// A recycling allocator for the frames' image planes, so the per-frame path allocates no pixels.
+// A recycling allocator for the frames' image planes and their OpenCV headers, so the per-frame
+// path allocates neither pixels nor headers.
 #pragma once
 
 #include <cstddef>
@@ -26,12 +27,13 @@ public:
     void deallocate(cv::UMatData* data) const override;
 
 private:
-    explicit FramePool(size_t keep) : keep_(keep) {}
+    explicit FramePool(size_t keep);
     ~FramePool() override;
 
-    const size_t keep_;
+    const size_t keep_;  // at most this many free blocks, and as many free headers, are kept
     mutable std::mutex mutex_;
-    mutable std::vector<std::pair<uchar*, size_t>> free_;
+    mutable std::vector<std::pair<uchar*, size_t>> free_;  // blocks and their sizes
+    mutable std::vector<void*> headers_;                   // storage for a cv::UMatData each
     mutable size_t outstanding_ = 0;
     mutable bool retired_ = false;
 };

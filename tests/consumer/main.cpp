@@ -1,5 +1,7 @@
-// A minimal application: one frame from the virtual camera through the public facade.
+// A minimal application: one frame from the virtual camera through the modern API and its matcher,
+// then one through the public facade.
 #include <OrvoCamera.h>
+#include <orvo/orvo.hpp>
 #include <orvo/vcam/frame_source.hpp>
 
 #include <cstdio>
@@ -16,6 +18,14 @@ int main() {
     setenv("ORVO_VCAM_SOURCE", "pattern", 1);
     setenv("ORVO_VCAM_FPS", "0", 1);
 
+    {
+        orvo::Camera modern("/dev/orvo-consumer0");
+        const std::optional<orvo::Frame> frame = modern.grab(std::chrono::seconds(5));
+        if (!frame) return std::printf("consumer: the modern camera gave no frame\n"), 1;
+        const orvo::Depth depth = orvo::StereoMatcher().compute(frame->left, frame->right);
+        std::printf("consumer: modern frame %llu, disparity %dx%d\n",
+                    static_cast<unsigned long long>(frame->sequence), depth.disparity.cols, depth.disparity.rows);
+    }
     OrvoCameraParameterList params;
     params.device_path = "/dev/orvo-consumer0";
     OrvoCamera camera(params);

@@ -1,6 +1,8 @@
 // A bare V4L2 capture client for the tests.
 #include "v4l2_client.h"
 
+#include "v4l2_io.h"
+
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -27,14 +29,7 @@ ScopedEnv::~ScopedEnv() {
     }
 }
 
-v4l2_buffer captureBuffer(uint32_t index) {
-    v4l2_buffer b;
-    std::memset(&b, 0, sizeof b);
-    b.index = index;
-    b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    b.memory = V4L2_MEMORY_MMAP;
-    return b;
-}
+v4l2_buffer captureBuffer(uint32_t index) { return orvo::v4l2::captureBuffer(index); }
 
 V4l2Client::V4l2Client(const char* path, int flags) {
     fd_ = ::open(path, flags);

@@ -60,6 +60,37 @@ cv::Mat colourDisparity(const cv::Mat& disparity16, double max_disparity) {
     return colour;
 }
 
+cv::Mat colourDepth(const cv::Mat& depth, double near_m, double far_m) {
+    CV_Assert(depth.type() == CV_32FC1 && far_m > near_m);
+    const int bar = 40;  // rows below the image for the bar and its labels
+    // Near is red (the top of JET), far blue; grey levels 1..255 so that 0 stays for "unknown".
+    cv::Mat grey, colour;
+    depth.convertTo(grey, CV_8U, -254.0 / (far_m - near_m), 255.0 + 254.0 * near_m / (far_m - near_m));
+    cv::applyColorMap(grey, colour, cv::COLORMAP_JET);
+    for (int y = 0; y < depth.rows; ++y)
+        for (int x = 0; x < depth.cols; ++x)
+            if (std::isnan(depth.at<float>(y, x))) colour.at<cv::Vec3b>(y, x) = cv::Vec3b(0, 0, 0);
+    cv::Mat out(depth.rows + bar, depth.cols, CV_8UC3, cv::Scalar::all(255));
+    colour.copyTo(out(cv::Rect(0, 0, depth.cols, depth.rows)));
+    const int left = 10, width = depth.cols - 20;
+    cv::Mat ramp(1, width, CV_8U);
+    for (int x = 0; x < width; ++x) ramp.at<uint8_t>(0, x) = cv::saturate_cast<uint8_t>(255 - 254.0 * x / (width - 1));
+    cv::Mat ramp_colour;
+    cv::applyColorMap(ramp, ramp_colour, cv::COLORMAP_JET);
+    cv::resize(ramp_colour, ramp_colour, cv::Size(width, 12), 0, 0, cv::INTER_NEAREST);
+    ramp_colour.copyTo(out(cv::Rect(left, depth.rows + 4, width, 12)));
+    const double step = far_m - near_m > 4 ? 1.0 : 0.5;
+    for (double m = std::ceil(near_m / step) * step; m <= far_m + 1e-9; m += step) {
+        const int x = left + int(std::lround((m - near_m) / (far_m - near_m) * (width - 1)));
+        cv::line(out, cv::Point(x, depth.rows + 2), cv::Point(x, depth.rows + 18), cv::Scalar::all(0));
+        char label[16];
+        std::snprintf(label, sizeof label, "%.1f m", m);
+        cv::putText(out, label, cv::Point(std::min(x + 2, out.cols - 45), depth.rows + 34),
+                    cv::FONT_HERSHEY_SIMPLEX, 0.4, cv::Scalar::all(0), 1, cv::LINE_AA);
+    }
+    return out;
+}
+
 cv::Vec3d eulerDegrees(const float q[4]) {
     const double w = q[0], x = q[1], y = q[2], z = q[3];
     const double deg = 180.0 / M_PI;

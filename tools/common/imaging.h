@@ -16,6 +16,10 @@ cv::Mat pairWithGuideLines(const cv::Mat& first, const cv::Mat& second, int spac
 // max_disparity sets the top of the scale, in pixels.
 cv::Mat colourDisparity(const cv::Mat& disparity16, double max_disparity);
 
+// Metric depth (CV_32F metres, NaN where unknown) as colour: near red, far blue, unknown black,
+// with a scale bar in metres along the bottom. The scale spans near_m .. far_m.
+cv::Mat colourDepth(const cv::Mat& depth, double near_m, double far_m);
+
 // Roll, pitch and yaw in degrees of the filter's w,x,y,z quaternion (world from body; body x right,
 // y forward, z up), for world_from_body = Rz(yaw) * Rx(pitch) * Ry(roll): pitch lifts the nose,
 // roll turns about the forward axis (right side down), yaw turns left.

@@ -76,9 +76,14 @@ int runCalibrate(int argc, char** argv, int first) {
     const bool batch = args.has("batch");
     const char* display = std::getenv("DISPLAY");
     const char* wayland = std::getenv("WAYLAND_DISPLAY");
-    if (!batch && !(display && *display) && !(wayland && *wayland))
-        throw UsageError("calibrate shows each board in a window and waits for a key, and no display "
-                         "was found (DISPLAY is not set); run it on a desktop or add --batch");
+    if (!batch && !(wayland && *wayland)) {
+        if (!(display && *display))
+            throw UsageError("calibrate shows each board in a window and waits for a key, and no display "
+                             "was found (DISPLAY is not set); run it on a desktop or add --batch");
+        if (!displayReachable(display))
+            throw UsageError(std::string("calibrate shows each board in a window and waits for a key, and the "
+                                         "display ") + display + " does not answer; run it on a desktop or add --batch");
+    }
 
     // The procedure runs inside a camera session; without a camera named, the virtual one hosts it.
     Session session(args, Session::kDefaultVirtual);

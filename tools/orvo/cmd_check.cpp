@@ -1,8 +1,12 @@
 // orvo check: how well the rectified pair lines up, measured as the row difference of features
-// matched between the two rectified images.
+// matched between the two rectified images; with --plane, the plane fitted to the metric depth of
+// a flat target and the depth RMS about it.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <vector>
+
+#include <opencv2/core.hpp>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/video/tracking.hpp>
@@ -10,6 +14,7 @@
 
 #include "commands.h"
 #include "imaging.h"
+#include "metric_depth.h"
 #include "pipeline.h"
 #include "session.h"
 
@@ -91,6 +96,91 @@ cv::Mat drawMatches(const cv::Mat& first, const cv::Mat& second, const std::vect
     return picture;
 }
 
+// A plane n . X = distance (n unit, pointing away from the camera) in the rectified left camera
+// frame, metres.
+struct Plane {
+    cv::Vec3d normal;
+    double distance = 0;
+    size_t inliers = 0, points = 0;
+    double depth_rms = 0;  // RMS of depth minus the plane's depth along each inlier's ray, metres
+};
+
+// Least-squares plane through points (the smallest principal axis of their scatter).
+void refit(const std::vector<cv::Vec3d>& pts, Plane& plane) {
+    cv::Mat data(int(pts.size()), 3, CV_64F);
+    for (size_t i = 0; i < pts.size(); ++i)
+        for (int k = 0; k < 3; ++k) data.at<double>(int(i), k) = pts[i][k];
+    cv::PCA pca(data, cv::Mat(), cv::PCA::DATA_AS_ROW);
+    cv::Vec3d n(pca.eigenvectors.ptr<double>(2));
+    const cv::Vec3d mean(pca.mean.ptr<double>());
+    if (n.dot(mean) < 0) n = -n;
+    plane.normal = n;
+    plane.distance = n.dot(mean);
+}
+
+// RANSAC on the organised cloud (inliers within 1 % of their depth), then a least-squares refit
+// on the inliers. Throws RunError when too few points have depth.
+Plane fitPlane(const cv::Mat& points) {
+    std::vector<cv::Vec3d> all;
+    for (int y = 0; y < points.rows; ++y)
+        for (int x = 0; x < points.cols; ++x) {
+            const cv::Vec3f p = points.at<cv::Vec3f>(y, x);
+            if (!std::isnan(p[2])) all.push_back(cv::Vec3d(p));
+        }
+    if (all.size() < 1000) throw RunError("too few pixels with depth for a plane (" + std::to_string(all.size()) + ")");
+    cv::RNG rng(7);
+    auto inliersOf = [&](const cv::Vec3d& n, double dist, std::vector<cv::Vec3d>* keep) {
+        size_t count = 0;
+        for (const cv::Vec3d& p : all)
+            if (std::fabs(n.dot(p) - dist) < 0.01 * p[2]) {
+                ++count;
+                if (keep) keep->push_back(p);
+            }
+        return count;
+    };
+    Plane best;
+    for (int i = 0; i < 300; ++i) {
+        const cv::Vec3d a = all[rng.uniform(0, int(all.size()))], b = all[rng.uniform(0, int(all.size()))],
+                        c = all[rng.uniform(0, int(all.size()))];
+        cv::Vec3d n = (b - a).cross(c - a);
+        if (cv::norm(n) < 1e-9) continue;
+        n = cv::normalize(n);
+        const size_t count = inliersOf(n, n.dot(a), nullptr);
+        if (count > best.inliers) best.normal = n, best.distance = n.dot(a), best.inliers = count;
+    }
+    std::vector<cv::Vec3d> inliers;
+    inliersOf(best.normal, best.distance, &inliers);
+    refit(inliers, best);
+    inliers.clear();
+    best.inliers = inliersOf(best.normal, best.distance, &inliers);
+    best.points = all.size();
+    double sum = 0;
+    for (const cv::Vec3d& p : inliers) {
+        // The plane's depth along the ray through p: z * distance / (n . p).
+        const double z = p[2] * best.distance / best.normal.dot(p);
+        sum += (p[2] - z) * (p[2] - z);
+    }
+    best.depth_rms = std::sqrt(sum / double(inliers.size()));
+    return best;
+}
+
+// --plane: the fitted plane and depth RMS of each frame's metric depth.
+int checkPlane(Session& session, int frames, int skip) {
+    MetricDepth metric(session);
+    auto camera = session.open();
+    for (int i = 0; i < skip; ++i) camera->Grab();
+    cv::Mat left;
+    for (int i = 0; i < frames; ++i) {
+        camera->Grab();
+        const Plane p = fitPlane(metric.compute(*camera, left).points);
+        std::printf("plane: normal %+.4f %+.4f %+.4f distance %.4f m, depth RMS %.1f mm, "
+                    "%zu of %zu points within 1 %% of their depth\n",
+                    p.normal[0], p.normal[1], p.normal[2], p.distance, 1e3 * p.depth_rms, p.inliers,
+                    p.points);
+    }
+    return kExitOk;
+}
+
 }  // namespace
 
 int runCheck(int argc, char** argv, int first) {
@@ -101,12 +191,17 @@ int runCheck(int argc, char** argv, int first) {
                 "median, mean and 95th percentile of |row difference| in pixels and writes\n"
                 "DIR/check.png (the rectified pair, guide lines, each match circled green under\n"
                 "0.5 px, yellow under 1 px, red above, some of them joined). Exits with 3 when the\n"
-                "median exceeds --max-error.");
+                "median exceeds --max-error.\n"
+                "--plane: instead fits a plane to the metric depth of a flat target filling the\n"
+                "view (RANSAC, then least squares) and prints its unit normal and distance in the\n"
+                "rectified left camera frame (x right, y down, z forward; n . X = distance) and the\n"
+                "RMS of depth about it.");
     addDeviceOptions(cmd, true);
     cmd.option({"frames", Value::Required, "N", "frames to gather matches from", "1"});
     cmd.option({"skip", Value::Required, "N", "frames to drop first", "0"});
     cmd.option({"max-error", Value::Required, "PX", "largest acceptable median row error", "1.0"});
     cmd.option({"out", Value::Required, "DIR", "output directory (created if missing)", "."});
+    cmd.option({"plane", Value::None, "", "fit a plane to the depth of a flat target", ""});
     Args args = cmd.parse(argc, argv, first);
     if (printedHelp(cmd, args)) return kExitOk;
     const int frames = args.positiveInt("frames", 1);
@@ -117,6 +212,7 @@ int runCheck(int argc, char** argv, int first) {
     Session session(args);
     if (!session.calibration().any())
         throw UsageError("check needs the camera's calibration: give --intrinsics and --extrinsics, or --fisheye");
+    if (args.has("plane")) return checkPlane(session, frames, skip);
     ensureDirectory(out);
     auto camera = session.open();
     for (int i = 0; i < skip; ++i) camera->Grab();

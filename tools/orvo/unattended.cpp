@@ -5,11 +5,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -68,10 +71,48 @@ std::string findProgram(const std::string& name) {
     return "";
 }
 
+namespace {
+
+bool connectsTo(const std::string& path, bool abstract) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const size_t offset = abstract ? 1 : 0;  // an abstract name starts with a zero byte
+    if (path.size() + offset >= sizeof(address.sun_path)) {
+        close(fd);
+        return false;
+    }
+    std::memcpy(address.sun_path + offset, path.data(), path.size());
+    const socklen_t length = socklen_t(offsetof(sockaddr_un, sun_path) + offset + path.size() + (abstract ? 0 : 1));
+    const bool ok = connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
+    close(fd);
+    return ok;
+}
+
+}  // namespace
+
+bool displayReachable(const char* display) {
+    if (!display || !*display) return false;
+    const std::string text(display);
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos) return false;
+    const std::string host = text.substr(0, colon);
+    if (!host.empty() && host != "unix") return true;
+    const std::string number = text.substr(colon + 1, text.find('.', colon) - colon - 1);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos) return false;
+    const std::string socket_path = "/tmp/.X11-unix/X" + number;
+    return connectsTo(socket_path, false) || connectsTo(socket_path, true);
+}
+
 // Xvfb writes the display number it chose to the -displayfd descriptor once it accepts clients.
 VirtualDisplay::VirtualDisplay() {
     const char* display = std::getenv("DISPLAY");
-    if (display && *display) return;
+    if (displayReachable(display)) return;
+    if (display) {
+        had_previous_ = true;
+        previous_ = display;
+    }
     const std::string xvfb = findProgram("Xvfb");
     if (xvfb.empty()) throw RunError("no display and no Xvfb to make one (apt-get install xvfb)");
     int fds[2];
@@ -105,7 +146,10 @@ VirtualDisplay::VirtualDisplay() {
 VirtualDisplay::~VirtualDisplay() {
     if (pid_ > 0) {
         stopChild(pid_);
-        unsetenv("DISPLAY");
+        if (had_previous_)
+            setenv("DISPLAY", previous_.c_str(), 1);
+        else
+            unsetenv("DISPLAY");
     }
 }
 

@@ -11,7 +11,12 @@ namespace orvo_tool {
 // Full path of a program found on PATH, or "" when there is none.
 std::string findProgram(const std::string& name);
 
-// Starts Xvfb on a free display number and points DISPLAY at it, unless a display is already set.
+// Whether an X server answers at `display` (":N", "unix:N" or "host:N"). A local display is tried
+// on its socket; a remote one is taken on trust. False for null or empty.
+bool displayReachable(const char* display);
+
+// Starts Xvfb on a free display number and points DISPLAY at it, unless DISPLAY names a display
+// that answers (a DISPLAY left over from a desktop that is gone is replaced, then restored).
 class VirtualDisplay {
 public:
     VirtualDisplay();
@@ -22,6 +27,8 @@ public:
 
 private:
     pid_t pid_ = -1;
+    std::string previous_;
+    bool had_previous_ = false;
 };
 
 // A child process that focuses any window whose title matches `titles` (a regular expression)

@@ -70,6 +70,9 @@ struct SceneRender {
     double diffuse = 0.6;
     double background = 40;              // grey of rays that hit nothing
     bool follow_motion = true;           // false: a moving camera keeps its first image
+    // Sensor noise: standard deviation of the Gaussian noise added to every pixel, grey levels.
+    // Drawn once per rendering from a fixed seed, so a still camera shows the same noisy pair.
+    double noise = 0;
 };
 
 struct SceneCalibration {

@@ -51,6 +51,14 @@ int64_t lastSampleOfFrame(const Scene& scene, int64_t frame);
 uint32_t frameTicks(const Scene& scene, int64_t frame);
 ImuTruthSample imuSample(const Scene& scene, int64_t k);
 
+// Per-pixel truth of a rectified left view: what a perfect matcher would find at every pixel.
+struct DepthTruth {
+    cv::Mat disparity;  // CV_32F, pixels (fx * baseline / depth), NaN where no surface is seen
+    cv::Mat depth;      // CV_32F, metres along the rectified optical axis, NaN where no surface
+    cv::Mat visible;    // CV_8U, 255 where the right lens sees the same surface point within
+                        // its rectified image (not occluded, not beyond its left border)
+};
+
 // The nearest-point search box the truth reports on.
 struct SearchBox {
     double half_width = 0.5;

@@ -43,6 +43,35 @@ uint64_t nowNs() {
                         .count());
 }
 
+std::map<uint64_t, runtime_test::TruthLine> truthBySequence(const std::string& path) {
+    std::map<uint64_t, runtime_test::TruthLine> served;
+    for (auto& line : runtime_test::readTruth(path)) served[std::stoull(line["sequence"])] = line;
+    return served;
+}
+
+// n frames of the pattern at 100 fps through a queue deep enough to keep them all, and what the
+// virtual camera says it served, by sequence. `setting` is one more variable for the node, if any.
+struct Served {
+    std::vector<orvo::Frame> frames;
+    std::map<uint64_t, runtime_test::TruthLine> truth;
+};
+
+Served grabPatternWithTruth(size_t n, const std::pair<std::string, std::string>& setting = {}) {
+    orvo_test::ScratchDir dir;
+    const std::string truth = dir.file("truth.txt");
+    Served served;
+    {
+        VcamEnv env("", "pattern", "100", truth);
+        if (!setting.first.empty()) env.with(setting.first, setting.second);
+        orvo::CameraOptions opt;
+        opt.queue_depth = 64;
+        orvo::Camera camera(kNode, opt);
+        served.frames = grabN(camera, n);
+    }
+    served.truth = truthBySequence(truth);
+    return served;
+}
+
 bool listed(const std::string& node) {
     for (const orvo::DeviceInfo& d : orvo::list_devices())
         if (d.node == node) return true;
@@ -53,19 +82,8 @@ bool listed(const std::string& node) {
 
 // Frames, times and samples against what the virtual camera says it served.
 TEST(RuntimeStream, FramesMatchTheTruthFile) {
-    orvo_test::ScratchDir dir;
-    const std::string truth = dir.file("truth.txt");
-    std::vector<orvo::Frame> frames;
-    {
-        VcamEnv env("", "pattern", "100", truth);
-        orvo::CameraOptions opt;
-        opt.queue_depth = 64;
-        orvo::Camera camera(kNode, opt);
-        frames = grabN(camera, 20);
-    }
+    auto [frames, served] = grabPatternWithTruth(20);
     ASSERT_EQ(20u, frames.size());
-    std::map<uint64_t, runtime_test::TruthLine> served;
-    for (auto& line : runtime_test::readTruth(truth)) served[std::stoull(line["sequence"])] = line;
 
     size_t samples = 0;
     for (size_t k = 0; k < frames.size(); ++k) {
@@ -157,20 +175,8 @@ TEST(RuntimeStream, DeviceTimeCrossesTheTickWrap) {
 // The virtual camera's own clock started 67 ms before its 32-bit wrap: device time goes on
 // counting up through it, frame by frame, and still matches the trailer's ticks modulo 2^32.
 TEST(RuntimeStream, DeviceTimeKeepsIncreasingThroughTheClocksOwnWrap) {
-    orvo_test::ScratchDir dir;
-    const std::string truth = dir.file("truth.txt");
-    std::vector<orvo::Frame> frames;
-    {
-        VcamEnv env("", "pattern", "100", truth);
-        env.with("ORVO_VCAM_TICK_OFFSET", "4294900000");
-        orvo::CameraOptions opt;
-        opt.queue_depth = 64;
-        orvo::Camera camera(kNode, opt);
-        frames = grabN(camera, 20);
-    }
+    auto [frames, served] = grabPatternWithTruth(20, {"ORVO_VCAM_TICK_OFFSET", "4294900000"});
     ASSERT_EQ(20u, frames.size());
-    std::map<uint64_t, runtime_test::TruthLine> served;
-    for (auto& line : runtime_test::readTruth(truth)) served[std::stoull(line["sequence"])] = line;
     for (size_t k = 0; k < frames.size(); ++k) {
         const orvo::Frame& f = frames[k];
         SCOPED_TRACE("frame " + std::to_string(f.sequence));
@@ -286,8 +292,7 @@ TEST(RuntimeStream, TwoCamerasOnTwoNodesAtOnceEachGetTheirOwnFrames) {
     for (int n = 0; n < 2; ++n) {
         SCOPED_TRACE(nodes[n]);
         ASSERT_EQ(12u, frames[n].size());
-        std::map<uint64_t, runtime_test::TruthLine> served;
-        for (auto& line : runtime_test::readTruth(truth[n])) served[std::stoull(line["sequence"])] = line;
+        auto served = truthBySequence(truth[n]);
         size_t pattern_pairs = 0;
         for (const orvo::Frame& f : frames[n]) {
             ASSERT_EQ(1u, served.count(f.sequence));

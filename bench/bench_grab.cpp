@@ -17,6 +17,7 @@
 #include <benchmark/benchmark.h>
 #include <opencv2/imgproc.hpp>
 
+#include "median_reporter.h"
 #include "OrvoCamera.h"
 #include "frame_geometry.h"
 #include <orvo/vcam/rig.hpp>
@@ -82,21 +83,6 @@ void BM_RequiredWork(benchmark::State& state) {
 }
 BENCHMARK(BM_RequiredWork)->Unit(benchmark::kMicrosecond)->MinTime(1.0)->Repetitions(5);
 
-// Console output as usual, plus the medians over the repetitions for the summary.
-class Collector : public benchmark::ConsoleReporter {
-public:
-    struct Times {
-        double real_us = 0, cpu_us = 0;
-    };
-    std::map<std::string, Times> median;
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs)
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median")
-                median[r.run_name.function_name] = {r.GetAdjustedRealTime(), r.GetAdjustedCPUTime()};
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -113,14 +99,14 @@ int main(int argc, char** argv) {
     params.extrinsics_file = fx.extrinsics;
     facade = new OrvoCamera(params);
 
-    Collector reporter;
+    orvo_bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     delete facade;
 
     auto grab = reporter.median.find("BM_Grab");
     auto work = reporter.median.find("BM_RequiredWork");
     if (grab != reporter.median.end() && work != reporter.median.end()) {
-        const Collector::Times g = grab->second, w = work->second;
+        const orvo_bench::MedianReporter::Median g = grab->second, w = work->second;
         std::printf("\nMedians: Grab %.0f us CPU (%.0f us real), required work %.0f us CPU (%.0f us real)\n",
                     g.cpu_us, g.real_us, w.cpu_us, w.real_us);
         std::printf("Grab / required work: %.3fx on CPU time, %.3fx on real time (target <= 1.15x)\n",

@@ -19,6 +19,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "median_reporter.h"
 #include "StereoCamera.h"
 #include "frame_geometry.h"
 #include <orvo/orvo.hpp>
@@ -140,26 +141,6 @@ void BM_RuntimeLatency(benchmark::State& state) {
 }
 BENCHMARK(BM_RuntimeLatency)->Unit(benchmark::kMicrosecond)->MinTime(1.0)->Repetitions(5);
 
-// Console output as usual, plus the medians over the repetitions for the summary.
-class Collector : public benchmark::ConsoleReporter {
-public:
-    struct Median {
-        double real_us = 0, cpu_us = 0;
-        std::map<std::string, double> counters;
-    };
-    std::map<std::string, Median> median;
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs)
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median") {
-                Median& m = median[r.run_name.function_name];
-                m.real_us = r.GetAdjustedRealTime();
-                m.cpu_us = r.GetAdjustedCPUTime();
-                for (const auto& c : r.counters) m.counters[c.first] = c.second.value;
-            }
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -171,13 +152,13 @@ int main(int argc, char** argv) {
     setenv("ORVO_VCAM_SOURCE", ("raw:" + fx.raw).c_str(), 1);
     unsetenv("ORVO_VCAM_FAULTS");
 
-    Collector reporter;
+    orvo_bench::MedianReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
     const auto& m = reporter.median;
     auto classic = m.find("BM_ClassicUpdate"), grab = m.find("BM_RuntimeGrab"), lat = m.find("BM_RuntimeLatency");
     if (classic != m.end() && grab != m.end()) {
-        const Collector::Median c = classic->second, g = grab->second;
+        const orvo_bench::MedianReporter::Median c = classic->second, g = grab->second;
         std::printf("\nMedians: runtime grab %.0f us process CPU (%.0f us real), classic update %.0f us process "
                     "CPU (%.0f us real)\n", g.cpu_us, g.real_us, c.cpu_us, c.real_us);
         std::printf("Runtime grab / classic update per frame: %.3fx on process CPU time, %.3fx on real time "

@@ -39,7 +39,7 @@ struct Winners {
     void create(int height, int width);
 };
 
-// The plain scalar implementation: the specification of every vector kernel.
+// The plain scalar implementation: the definition every vector kernel must match.
 void match_reference(const cv::Mat& left, const cv::Mat& right, const Problem& pb, Winners& out);
 
 // Census code bit order: window offsets in raster order (dy outer, dx inner), the centre skipped;

@@ -6,11 +6,17 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
 shift || true
 
-packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool libhwy-dev pcl-tools python3-dev python3-pybind11 python3-numpy python3-pytest)
+packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool libhwy-dev pcl-tools
+          python3-dev python3-pybind11 python3-numpy python3-pytest
+          libcpp-httplib-dev libjs-three chromium)  # the last three: orvo view and its browser test
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
+# node and npm (the browser test's driver) may come from another package source: asked for only
+# when the commands are absent.
+command -v node >/dev/null || missing+=(nodejs)
+command -v npm >/dev/null || missing+=(npm)
 if [ ${#missing[@]} -gt 0 ]; then
   echo "== installing: ${missing[*]}"
   sudo_cmd=""

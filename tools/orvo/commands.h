@@ -11,5 +11,6 @@ int runRecord(int argc, char** argv, int first);
 int runCalibrate(int argc, char** argv, int first);
 int runCheck(int argc, char** argv, int first);
 int runList(int argc, char** argv, int first);
+int runView(int argc, char** argv, int first);
 
 }  // namespace orvo_tool

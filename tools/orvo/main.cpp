@@ -27,6 +27,7 @@ const Subcommand kSubcommands[] = {
     {"imu", runImu, "gyro bias calibration, inertial samples and attitude as CSV and a plot"},
     {"record", runRecord, "record raw frames to a file the virtual camera can replay"},
     {"calibrate", runCalibrate, "stereo calibration from chessboard image pairs"},
+    {"view", runView, "a live viewer in the browser: images, depth, 3-D cloud, IMU and health"},
     {"check", runCheck, "how well the rectified pair lines up: row error of matched features"},
 };
 

@@ -28,7 +28,7 @@ namespace vcam {
 // library, as the tests do, finds ThreadSanitizer's poll first and ours behind it). Elsewhere they
 // only repeat what ThreadSanitizer already saw. Stating the lock here, rather than suppressing
 // reports that pass through this library, keeps every race between the SDK and the virtual camera
-// (the buffers they share, the descriptors) visible: scripts/sanitizer/tsan.supp stays empty.
+// (the buffers they share, the descriptors) visible: scripts/sanitizer/tsan.supp names none of ours.
 class RegistryLock {
 public:
     explicit RegistryLock(std::mutex& mutex) : lock_(mutex) { acquired(); }

@@ -8,7 +8,8 @@ shift || true
 
 packages=(g++ cmake make pkg-config libopencv-dev libgtest-dev libgmock-dev libbenchmark-dev xvfb xdotool libhwy-dev pcl-tools
           python3-dev python3-pybind11 python3-numpy python3-pytest
-          libcpp-httplib-dev libjs-three chromium)  # the last three: orvo view and its browser test
+          libcpp-httplib-dev libjs-three chromium  # these three: orvo view and its browser test
+          v4l-utils ffmpeg gstreamer1.0-tools gstreamer1.0-plugins-good gstreamer1.0-plugins-base)  # V4L2 clients of the virtual camera
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -32,8 +32,12 @@ const double kYuyv = cv::VideoWriter::fourcc('Y', 'U', 'Y', 'V');
 constexpr int kVirtualIndex = 7;
 
 // Display double reset; the virtual camera at /dev/video7 with the given faults (none there when null).
+// OpenCV tries its GStreamer backend before V4L2 for a camera index, and GStreamer's v4l2src opens
+// the virtual node as well as a real one (and reports a FOURCC of 0); these tests are about the
+// tools on OpenCV's V4L2 backend, so it goes first (read when OpenCV first opens a camera).
 void prepare(const char* faults) {
     orvo_test::silenceOpenCvLog();
+    setenv("OPENCV_VIDEOIO_PRIORITY_LIST", "V4L2", 1);
     display().reset();
     setenv("ORVO_VCAM_SOURCE", "pattern", 1);
     setenv("ORVO_VCAM_FPS", "0", 1);

@@ -7,6 +7,9 @@
 #include <string>
 
 #include <poll.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <thread>
@@ -151,6 +154,16 @@ TEST(VcamFaults, UnplugFailsTheSessionHidesTheNodeAndTheReplugContinuesLater) {
         EXPECT_EQ(POLLERR, p.revents);
         EXPECT_FALSE(orvo::vcam::statistics(kNode).present);
         EXPECT_EQ(ENOENT, V4l2Client(kNode).openError());
+        // Gone from the file system too, as a camera pulled out; its descriptor still answers fstat.
+        struct stat st;
+        EXPECT_EQ(-1, ::stat(kNode, &st));
+        EXPECT_EQ(ENOENT, errno);
+        EXPECT_EQ(-1, ::access(kNode, F_OK));
+        EXPECT_EQ(-1, ::stat("/sys/dev/char/81:102/uevent", &st));
+        EXPECT_EQ(ENOENT, errno);
+        EXPECT_EQ(nullptr, std::fopen("/sys/class/video4linux/video102/name", "r"));
+        ASSERT_EQ(0, ::fstat(old.fd(), &st));
+        EXPECT_EQ(makedev(81, 102), st.st_rdev);
 
         std::unique_ptr<V4l2Client> fresh;
         while (!fresh && std::chrono::steady_clock::now() - unplugged < std::chrono::seconds(5)) {
@@ -163,6 +176,7 @@ TEST(VcamFaults, UnplugFailsTheSessionHidesTheNodeAndTheReplugContinuesLater) {
         ASSERT_TRUE(fresh);
         EXPECT_GE(std::chrono::steady_clock::now() - unplugged, std::chrono::milliseconds(290));
         EXPECT_TRUE(orvo::vcam::statistics(kNode).present);
+        EXPECT_EQ(0, ::access(kNode, R_OK)) << "back with the replug";
         EXPECT_EQ(ENODEV, old.call(VIDIOC_QUERYCAP, &cap)) << "the old descriptors stay dead";
         EXPECT_EQ(0, old.close());
         ASSERT_EQ(0, fresh->start(4));

@@ -1,9 +1,16 @@
 // The virtual camera's node driven with bare open/ioctl/mmap: driver semantics, errno values,
-// ownership, pacing and drops.
+// ownership, pacing and drops, and the node as the file system shows it.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,6 +31,18 @@ class VcamV4l2 : public ::testing::Test {
     ScopedEnv env_{{"ORVO_VCAM_DEVICE", kNode},  {"ORVO_VCAM_SOURCE", "pattern"}, {"ORVO_VCAM_FPS", "0"},
                    {"ORVO_VCAM_TRUTH", nullptr}, {"ORVO_VCAM_FAULTS", nullptr},   {"ORVO_VCAM_LOG", nullptr}};
 };
+
+// The whole of a small file as the C library reads it; "<errno N>" when it cannot be opened.
+std::string contents(const char* path) {
+    FILE* in = std::fopen(path, "r");
+    if (!in) return "<errno " + std::to_string(errno) + ">";
+    std::string text;
+    char chunk[256];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, in)) > 0) text.append(chunk, n);
+    std::fclose(in);
+    return text;
+}
 
 int64_t timestampUs(const v4l2_buffer& b) { return int64_t(b.timestamp.tv_sec) * 1000000 + b.timestamp.tv_usec; }
 
@@ -121,6 +140,71 @@ TEST_F(VcamV4l2, OnlyTheOwnerMayUseTheQueueAndClosingItStopsStreamingButMappings
 
 // A loaded machine may stall the test for longer than the queue lasts, so the checks hold whatever
 // was dropped meanwhile: sequence numbers and due times stay in step.
+// No file of the node's name exists, yet tools that stat it, look its sysfs entries up and
+// duplicate its descriptors find a V4L2 character device.
+TEST_F(VcamV4l2, ItsPathIsACharacterDeviceWithSysfsEntriesAndDuplicatesAreTheSameOpenFile) {
+    struct stat st, link;
+    struct stat64 st64;
+    ASSERT_EQ(0, stat(kNode, &st));
+    ASSERT_EQ(0, lstat(kNode, &link));
+    ASSERT_EQ(0, stat64(kNode, &st64));
+    EXPECT_TRUE(S_ISCHR(st.st_mode) && S_ISCHR(link.st_mode) && S_ISCHR(st64.st_mode));
+    EXPECT_EQ(makedev(81, 100), st.st_rdev) << "81 is V4L2's major; minors start at 100 + the path's number";
+    EXPECT_EQ(st.st_rdev, st64.st_rdev);
+    EXPECT_EQ(0, access(kNode, R_OK | W_OK));
+    EXPECT_NE(0, access(kNode, X_OK));
+    EXPECT_EQ("Orvo Stereo Camera (virtual)\n", contents("/sys/dev/char/81:100/name"));
+    EXPECT_EQ("MAJOR=81\nMINOR=100\nDEVNAME=video100\n", contents("/sys/class/video4linux/video100/uevent"));
+    EXPECT_EQ("<errno 2>", contents("/sys/class/video4linux/video100/no-such-entry"));
+    EXPECT_NE(0, stat("/sys/dev/char/81:100/no-such-entry", &st));
+    EXPECT_EQ(ENOENT, errno);
+
+    V4l2Client c(kNode);
+    ASSERT_EQ(0, fstat(c.fd(), &st));
+    EXPECT_EQ(makedev(81, 100), st.st_rdev);
+    ASSERT_EQ(0, c.requestBuffers(4));
+    const int copy = dup(c.fd());
+    ASSERT_GE(copy, 0);
+    v4l2_requestbuffers rb{};
+    rb.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    rb.memory = V4L2_MEMORY_MMAP;
+    rb.count = 3;
+    EXPECT_EQ(0, ioctl(copy, VIDIOC_REQBUFS, &rb)) << "the duplicate owns the queue with the original";
+    EXPECT_EQ(3u, rb.count);
+    V4l2Client other(kNode);
+    EXPECT_EQ(EBUSY, other.requestBuffers(2));
+    ASSERT_EQ(0, ::close(copy));
+    EXPECT_EQ(0, c.requestBuffers(2)) << "closing the duplicate left the open file alive";
+    ASSERT_EQ(0, c.close());
+    EXPECT_EQ(0, other.requestBuffers(2)) << "the last descriptor's close freed the queue";
+    ASSERT_EQ(0, other.close());
+
+    // A second listed node whose name ends in no number is a device of its own; a duplicate keeps
+    // its session alive until the duplicate, the last descriptor, is closed.
+    constexpr const char* kSecond = "/dev/video-vcam-test-b";
+    ScopedEnv two{{"ORVO_VCAM_DEVICE", (std::string(kNode) + "," + kSecond).c_str()}};
+    ASSERT_EQ(0, stat(kSecond, &st));
+    EXPECT_EQ(makedev(81, 101), st.st_rdev) << "100 is the first node's";
+    EXPECT_EQ("81:101\n", contents("/sys/class/video4linux/video101/dev"));
+    ASSERT_EQ(0, stat(kNode, &st));
+    EXPECT_EQ(makedev(81, 100), st.st_rdev);
+    const uint64_t sessions = orvo::vcam::statistics(kSecond).sessions;
+    V4l2Client b(kSecond);
+    ASSERT_EQ(0, fstat(b.fd(), &st));
+    EXPECT_EQ(makedev(81, 101), st.st_rdev);
+    const int kept = dup(b.fd());
+    ASSERT_GE(kept, 0);
+    ASSERT_EQ(0, b.close());
+    EXPECT_TRUE(orvo::vcam::statistics(kSecond).active);
+    V4l2Client again(kSecond);
+    ASSERT_EQ(0, again.close());
+    EXPECT_EQ(sessions + 1, orvo::vcam::statistics(kSecond).sessions) << "one session throughout";
+    ASSERT_EQ(0, ::close(kept));
+    EXPECT_FALSE(orvo::vcam::statistics(kSecond).active);
+    V4l2Client later(kSecond);
+    EXPECT_EQ(sessions + 2, orvo::vcam::statistics(kSecond).sessions);
+}
+
 TEST_F(VcamV4l2, PacedFramesKeepTimeAndUnqueuedFramesAreDropped) {
     ScopedEnv fps{{"ORVO_VCAM_FPS", "50"}};
     V4l2Client c(kNode);

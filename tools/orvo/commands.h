@@ -11,6 +11,7 @@ int runRecord(int argc, char** argv, int first);
 int runCalibrate(int argc, char** argv, int first);
 int runCheck(int argc, char** argv, int first);
 int runList(int argc, char** argv, int first);
+int runVcam(int argc, char** argv, int first);
 int runView(int argc, char** argv, int first);
 
 }  // namespace orvo_tool

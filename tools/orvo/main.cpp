@@ -29,6 +29,7 @@ const Subcommand kSubcommands[] = {
     {"calibrate", runCalibrate, "stereo calibration from chessboard image pairs"},
     {"view", runView, "a live viewer in the browser: images, depth, 3-D cloud, IMU and health"},
     {"check", runCheck, "how well the rectified pair lines up: row error of matched features"},
+    {"vcam", runVcam, "run any program (v4l2-ctl, GStreamer, ffmpeg...) with the virtual camera"},
 };
 
 void printUsage(FILE* to) {

@@ -18,6 +18,20 @@ namespace {
 
 bool needsArgument(unsigned long code) { return _IOC_DIR(code) != _IOC_NONE; }
 
+// The requests that change the device's settings, refused to a file of lower priority than another.
+bool needsPriority(unsigned long code) {
+    switch (code) {
+    case VIDIOC_S_FMT:
+    case VIDIOC_S_PARM:
+    case VIDIOC_S_INPUT:
+    case VIDIOC_S_CROP:
+    case VIDIOC_S_SELECTION:
+    case VIDIOC_S_CTRL:
+    case VIDIOC_S_PRIORITY: return true;
+    default: return false;
+    }
+}
+
 }  // namespace
 
 int reopenDescriptor(int fd, int flags) {
@@ -49,7 +63,7 @@ Device::~Device() {
 
 bool Device::init(int memfd, std::string* error) {
     struct stat st;
-    if (fstat(memfd, &st) != 0) {
+    if (real::fstat(memfd, &st) != 0) {
         *error = std::string("cannot use the buffer memory: ") + std::strerror(errno);
         return false;
     }
@@ -60,7 +74,7 @@ bool Device::init(int memfd, std::string* error) {
 
 bool Device::backs(int fd) const {
     struct stat st;
-    return fstat(fd, &st) == 0 && st.st_dev == memfd_dev_ && st.st_ino == memfd_ino_;
+    return real::fstat(fd, &st) == 0 && st.st_dev == memfd_dev_ && st.st_ino == memfd_ino_;
 }
 
 int Device::countOpen() { return faults_.errorFor(FaultTarget::Open, 0, ++calls_.open); }
@@ -77,6 +91,7 @@ int Device::countMeminfo(bool* hide_memfree) {
 
 // Closing the owning file stops streaming and frees the queue; client mappings keep their pages.
 void Device::release(uint64_t file_id) {
+    priorities_.erase(file_id);
     if (file_id != owner_) return;
     stop();
     if (!buffers_.empty()) freeBuffers(-1);
@@ -107,11 +122,17 @@ int Device::request(const OpenFile& file, unsigned long code, void* arg, Registr
         if (int e = faults_.errorFor(FaultTarget::Request, requestSlot(known), call)) return -e;
         if (needsArgument(code) && !arg) return -EFAULT;
     }
+    if (needsPriority(code) && outranked(file)) return -EBUSY;
     switch (code) {
     case VIDIOC_QUERYCAP: return querycap(*static_cast<v4l2_capability*>(arg), call);
     case VIDIOC_CROPCAP: return cropcap(*static_cast<v4l2_cropcap*>(arg));
     case VIDIOC_S_CROP: return crop(*static_cast<v4l2_crop*>(arg), true);
     case VIDIOC_G_CROP: return crop(*static_cast<v4l2_crop*>(arg), false);
+    case VIDIOC_G_SELECTION: return selection(*static_cast<v4l2_selection*>(arg), false);
+    case VIDIOC_S_SELECTION: return selection(*static_cast<v4l2_selection*>(arg), true);
+    case VIDIOC_G_PRIORITY: return getPriority(*static_cast<uint32_t*>(arg));
+    case VIDIOC_S_PRIORITY: return setPriority(file, *static_cast<uint32_t*>(arg));
+    case VIDIOC_LOG_STATUS: return logStatus();
     case VIDIOC_S_FMT: return setFormat(file, *static_cast<v4l2_format*>(arg));
     case VIDIOC_G_FMT: return getFormat(*static_cast<v4l2_format*>(arg), false);
     case VIDIOC_TRY_FMT: return getFormat(*static_cast<v4l2_format*>(arg), true);

@@ -7,6 +7,7 @@
 #include <array>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -77,6 +78,7 @@ public:
     int countOpen();    // the errno this open of the node fails with, or 0
     int countClose();   // the errno this close reports, or 0
     int countMeminfo(bool* hide_memfree);  // the errno fopen fails with, or 0
+    void opened(uint64_t file_id);         // a new open file of the node
     void release(uint64_t file_id);        // the file was closed
 
     Readiness readiness();
@@ -119,6 +121,7 @@ private:
     int querycap(v4l2_capability& cap, uint64_t call);
     int cropcap(v4l2_cropcap& cc);
     int crop(v4l2_crop& c, bool set);
+    int selection(v4l2_selection& s, bool set);
     int setFormat(const OpenFile& file, v4l2_format& f);
     int getFormat(v4l2_format& f, bool try_only);
     int enumFormat(v4l2_fmtdesc& d);
@@ -127,11 +130,15 @@ private:
     int getParm(v4l2_streamparm& p);
     int setParm(const OpenFile& file, v4l2_streamparm& p);
 
-    // Inputs and controls (device_controls.cpp).
+    // Inputs, controls, priorities and status (device_controls.cpp).
     int enumInput(v4l2_input& in);
     int getInput(int& input);
     int setInput(const OpenFile& file, int input);
     int control(unsigned long code);
+    int getPriority(uint32_t& priority) const;
+    int setPriority(const OpenFile& file, uint32_t priority);
+    bool outranked(const OpenFile& file) const;  // another file holds a higher priority
+    int logStatus() const;
 
     // Buffers (device_buffers.cpp).
     int reqbufs(const OpenFile& file, v4l2_requestbuffers& rb, uint64_t call);
@@ -181,6 +188,7 @@ private:
     std::vector<Buffer> buffers_;
     IndexFifo queued_, done_;
     uint64_t owner_ = 0;
+    std::map<uint64_t, uint32_t> priorities_;  // of every open file
     v4l2_fract interval_{1, 30};
 
     bool streaming_ = false;

@@ -1,4 +1,4 @@
-// What the request handlers share: the one buffer type the node has and its name fields.
+// What the request handlers share: the one buffer type the node has, its name and name fields.
 #pragma once
 
 #include <linux/videodev2.h>
@@ -11,6 +11,8 @@ namespace orvo {
 namespace vcam {
 
 constexpr uint32_t kCapture = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+// The card name of QUERYCAP, also the node's name in sysfs.
+constexpr const char* kCardName = "Orvo Stereo Camera (virtual)";
 
 inline void copyName(__u8* dst, size_t size, const char* src) {
     std::memset(dst, 0, size);

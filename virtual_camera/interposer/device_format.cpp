@@ -1,5 +1,5 @@
 // Format requests of the emulated device: capabilities, cropping, the pixel format and the
-// frame interval (QUERYCAP, CROPCAP, G/S_CROP, ENUM/G/S/TRY_FMT, ENUM_FRAMESIZES/INTERVALS, G/S_PARM).
+// frame interval (QUERYCAP, CROPCAP, G/S_CROP, G/S_SELECTION, ENUM/G/S/TRY_FMT, ENUM_FRAMESIZES/INTERVALS, G/S_PARM).
 #include <linux/version.h>
 
 #include <cmath>
@@ -42,12 +42,16 @@ v4l2_fract nearestInterval(v4l2_fract asked) {
     return {1, best};
 }
 
+// The cropping and selection requests take the multi-planar capture type for the single-planar
+// one, as the kernel maps it for every driver.
+bool isCropType(uint32_t type) { return type == kCapture || type == V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE; }
+
 }  // namespace
 
 int Device::querycap(v4l2_capability& cap, uint64_t call) {
     std::memset(&cap, 0, sizeof cap);
     copyName(cap.driver, sizeof cap.driver, "orvo_vcam");
-    copyName(cap.card, sizeof cap.card, "Orvo Stereo Camera (virtual)");
+    copyName(cap.card, sizeof cap.card, kCardName);
     copyName(cap.bus_info, sizeof cap.bus_info, "platform:orvo-vcam");
     cap.version = LINUX_VERSION_CODE;
     uint32_t caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
@@ -59,17 +63,30 @@ int Device::querycap(v4l2_capability& cap, uint64_t call) {
 }
 
 int Device::cropcap(v4l2_cropcap& cc) {
-    if (cc.type != kCapture) return -EINVAL;
+    if (!isCropType(cc.type)) return -EINVAL;
     cc.bounds = {0, 0, uint32_t(kWidth), uint32_t(kHeight)};
     cc.defrect = cc.bounds;
     cc.pixelaspect = {1, 1};
     return 0;
 }
 
-// The sensor has no cropping: any rectangle is adjusted to the full frame.
-int Device::crop(v4l2_crop& c, bool set) {
-    if (c.type != kCapture) return -EINVAL;
-    if (!set) c.c = {0, 0, uint32_t(kWidth), uint32_t(kHeight)};
+// The sensor has no cropping: its crop rectangle is the full frame, and any other asked for is
+// adjusted to it.
+int Device::crop(v4l2_crop& c, bool) {
+    if (!isCropType(c.type)) return -EINVAL;
+    c.c = {0, 0, uint32_t(kWidth), uint32_t(kHeight)};
+    return 0;
+}
+
+// The selection view of the same: the crop targets all give the full frame, setting one adjusts
+// to it; there is no composing.
+int Device::selection(v4l2_selection& s, bool set) {
+    if (!isCropType(s.type)) return -EINVAL;
+    bool crop_target = s.target == V4L2_SEL_TGT_CROP ||
+                       (!set && (s.target == V4L2_SEL_TGT_CROP_DEFAULT || s.target == V4L2_SEL_TGT_CROP_BOUNDS));
+    if (!crop_target) return -EINVAL;
+    std::memset(s.reserved, 0, sizeof s.reserved);
+    s.r = {0, 0, uint32_t(kWidth), uint32_t(kHeight)};
     return 0;
 }
 
@@ -100,6 +117,7 @@ int Device::enumFormat(v4l2_fmtdesc& d) {
 
 int Device::enumFrameSizes(v4l2_frmsizeenum& e) {
     if (e.index != 0 || e.pixel_format != V4L2_PIX_FMT_YUYV) return -EINVAL;
+    std::memset(e.reserved, 0, sizeof e.reserved);
     e.type = V4L2_FRMSIZE_TYPE_DISCRETE;
     e.discrete = {uint32_t(kWidth), uint32_t(kHeight)};
     return 0;
@@ -110,6 +128,7 @@ int Device::enumFrameIntervals(v4l2_frmivalenum& e) {
     if (e.pixel_format != V4L2_PIX_FMT_YUYV || e.width != uint32_t(kWidth) || e.height != uint32_t(kHeight) ||
         e.index >= n)
         return -EINVAL;
+    std::memset(e.reserved, 0, sizeof e.reserved);
     e.type = V4L2_FRMIVAL_TYPE_DISCRETE;
     e.discrete = {1, kSupportedRates[e.index]};
     return 0;

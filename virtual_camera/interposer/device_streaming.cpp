@@ -14,6 +14,8 @@ namespace vcam {
 
 using orvo::frame::kBytes;
 
+constexpr int64_t kIdleDequeueNs = 1000000000;
+
 int Device::qbuf(const OpenFile& file, v4l2_buffer& b) {
     if (busy(file)) return -EBUSY;
     if (b.type != kCapture || b.index >= buffers_.size() || b.memory != V4L2_MEMORY_MMAP) return -EINVAL;
@@ -27,11 +29,13 @@ int Device::qbuf(const OpenFile& file, v4l2_buffer& b) {
 }
 
 // Returns the oldest filled buffer. Paced, a blocking call waits for the next frame while a
-// buffer is queued; with nothing queued it could never complete and fails with EINVAL.
+// buffer is queued; with nothing queued it waits a while for another thread to queue one (or to
+// stop the stream: EINVAL), then fails with EINVAL rather than hang a single-threaded client.
 int Device::dqbuf(const OpenFile& file, v4l2_buffer& b, RegistryLock& lock) {
     if (busy(file)) return -EBUSY;
     if (b.type != kCapture || b.memory != V4L2_MEMORY_MMAP) return -EINVAL;
     bool nonblocking = (fcntl(file.fd, F_GETFL) & O_NONBLOCK) != 0;
+    int64_t idle_until = 0;
     for (;;) {
         if (unplugged_) return -ENODEV;
         if (!streaming_) return -EINVAL;
@@ -43,7 +47,14 @@ int Device::dqbuf(const OpenFile& file, v4l2_buffer& b, RegistryLock& lock) {
             break;
         }
         if (nonblocking) return -EAGAIN;
-        if (queued_.empty()) return -EINVAL;
+        if (queued_.empty()) {
+            // Another thread may queue a buffer or stop the stream meanwhile; if none does
+            // within kIdleDequeueNs, none is going to, and nothing can ever arrive.
+            if (idle_until == 0) idle_until = now + kIdleDequeueNs;
+            if (now >= idle_until) return -EINVAL;
+            lock.waitUntil(wake_, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(idle_until)));
+            continue;
+        }
         lock.waitUntil(wake_, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(dueNs(next_k_))));
     }
     serve(done_.pop(), b);

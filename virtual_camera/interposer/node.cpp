@@ -1,5 +1,5 @@
-// The interposed paths about the node itself: open, close, ioctl, and fopen of /proc/meminfo for
-// its faults.
+// The interposed paths about the node itself: open, close, ioctl, and fopen of its sysfs files and
+// of /proc/meminfo for its faults.
 #include "node.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "node_files.h"
 #include "node_session.h"
 #include "real_calls.h"
 #include "requests.h"
@@ -20,12 +21,6 @@ namespace orvo {
 namespace vcam {
 namespace node {
 namespace {
-
-// The node's position in ORVO_VCAM_DEVICE, or -1.
-int whichNode(int dirfd, const char* path) {
-    if (!path || (path[0] != '/' && dirfd != AT_FDCWD)) return -1;
-    return nodeIndex(path);
-}
 
 // A copy of /proc/meminfo without its "MemFree:" line, as a stream read from memory.
 FILE* meminfoWithoutMemFree() {
@@ -48,6 +43,23 @@ FILE* meminfoWithoutMemFree() {
 
 }  // namespace
 
+// A duplicate of a node descriptor refers to the same open file: the same owner, priority and
+// queue, released when the last of its descriptors is closed, and it keeps the session alive like
+// any other descriptor. A node descriptor that the duplicate replaced (dup2 onto it) is closed
+// with it.
+void registerDuplicate(int fd, int duplicate) {
+    if (t_inside || g_open_files.load() == 0 || duplicate < 0 || duplicate == fd) return;
+    Registry& reg = registry();
+    RegistryLock lock(reg.mutex);
+    Inside inside;
+    dropFile(reg, duplicate);
+    if (OpenEntry* entry = findFile(reg, fd)) {
+        reg.files[duplicate] = OpenEntry{OpenFile{entry->file.id, duplicate}, entry->session};
+        ++entry->session->files;
+        g_open_files.fetch_add(1);
+    }
+}
+
 // Each open gets a new open file description of the session's memory, with its own flags, and
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
 // that the node, like a real one, gets the lowest free descriptor and costs exactly one.
@@ -55,7 +67,7 @@ FILE* meminfoWithoutMemFree() {
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
     if (t_inside) return false;
     const int index = whichNode(dirfd, path);
-    if (index < 0) return false;
+    if (index < 0) return interceptSysfsOpen(dirfd, path, flags, result);
     Registry& reg = registry();
     RegistryLock lock(reg.mutex);
     Inside inside;
@@ -100,6 +112,7 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
     }
     reg.files[fd] = OpenEntry{OpenFile{reg.next_file_id++, fd}, session};
     ++session->files;
+    session->device->opened(reg.files[fd].file.id);
     g_open_files.fetch_add(1);
     logResult(reg, fd, (flags & O_NONBLOCK) ? "open (non-blocking)" : "open", fd, 0);
     *result = fd;
@@ -116,12 +129,9 @@ bool interceptClose(int fd, int* result) {
     if (!entry) return false;
     std::shared_ptr<Session> session = entry->session;
     int injected = session->device->unplugged() ? 0 : session->device->countClose();
-    session->device->release(entry->file.id);
-    reg.files.erase(fd);
-    g_open_files.fetch_sub(1);
+    dropFile(reg, fd);
     int r = real::close(fd);
     int error = errno;
-    if (--session->files == 0) endSession(reg, *session);
     if (injected) {
         r = -1;
         error = injected;
@@ -154,8 +164,14 @@ bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     return true;
 }
 
-// The meminfo faults of each node apply while a descriptor of it is open.
+// The nodes' sysfs files are read through fopen too; the meminfo faults of each node apply while
+// a descriptor of it is open.
 bool interceptFopen(const char* path, FILE** result) {
+    int fd;
+    if (interceptSysfsOpen(AT_FDCWD, path, O_RDONLY | O_CLOEXEC, &fd)) {
+        *result = fd < 0 ? nullptr : fdopen(fd, "r");
+        return true;
+    }
     if (t_inside || !path || std::strcmp(path, "/proc/meminfo") != 0 || g_open_files.load() == 0)
         return false;
     Registry& reg = registry();

@@ -1,11 +1,13 @@
-// poll and select over the node's descriptors and others: the node's readiness comes from its
-// device, the others' from the kernel.
+// poll, select and epoll over the node's descriptors and others: the node's readiness comes from
+// its device, the others' from the kernel.
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 
 #include <chrono>
 #include <cerrno>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "node.h"
@@ -88,13 +90,142 @@ int pollMixed(Registry& reg, RegistryLock& lock, pollfd* fds, nfds_t n, int64_t 
     }
 }
 
+// The node's members of epoll sets: the kernel cannot watch the node's memory file, so they are
+// kept here (under the registry's lock) and waits on such a set are done as in pollMixed.
+struct EpollMember {
+    int fd;
+    epoll_event event;
+};
+std::unordered_map<int, std::vector<EpollMember>> g_epoll_members;  // by epoll descriptor
+std::atomic<int> g_epoll_sets{0};
+
+std::vector<EpollMember>::iterator findMember(std::vector<EpollMember>& members, int fd) {
+    auto it = members.begin();
+    while (it != members.end() && it->fd != fd) ++it;
+    return it;
+}
+
+// The node members of an epoll set that are ready, into events; members whose descriptor is no
+// longer the node's are dropped, as the kernel drops closed ones.
+int readyMembers(Registry& reg, std::vector<EpollMember>& members, epoll_event* events, int max) {
+    int n = 0;
+    for (auto it = members.begin(); it != members.end();) {
+        OpenEntry* entry = findFile(reg, it->fd);
+        if (!entry) {
+            it = members.erase(it);
+            continue;
+        }
+        uint32_t revents = uint16_t(nodeEvents(*entry->session->device, short(it->event.events & 0xffff)));
+        if (revents && n < max) events[n++] = epoll_event{revents, it->event.data};
+        ++it;
+    }
+    return n;
+}
+
+// The soonest time a member's readiness changes, or -1.
+int64_t nextMemberChangeNs(Registry& reg, const std::vector<EpollMember>& members) {
+    int64_t soonest = -1;
+    for (const EpollMember& m : members) {
+        const OpenEntry* entry = findFile(reg, m.fd);
+        const int64_t change = entry ? entry->session->device->nextChangeNs() : -1;
+        if (change >= 0 && (soonest < 0 || change < soonest)) soonest = change;
+    }
+    return soonest;
+}
+
 }  // namespace
+
+bool interceptEpollCtl(int epfd, int op, int fd, struct epoll_event* event, int* result) {
+    if (t_inside || g_open_files.load() == 0) return false;
+    Registry& reg = registry();
+    RegistryLock lock(reg.mutex);
+    Inside inside;  // a stale descriptor found here may end its session
+    if (!findFile(reg, fd)) return false;
+    std::vector<EpollMember>& members = g_epoll_members[epfd];
+    auto it = findMember(members, fd);
+    int error = 0;
+    if (op == EPOLL_CTL_ADD) {
+        if (it != members.end()) error = EEXIST;
+        else if (!event) error = EFAULT;
+        else members.push_back(EpollMember{fd, *event});
+    } else if (it == members.end()) {
+        error = op == EPOLL_CTL_MOD || op == EPOLL_CTL_DEL ? ENOENT : EINVAL;
+    } else if (op == EPOLL_CTL_MOD) {
+        if (event) it->event = *event;
+        else error = EFAULT;
+    } else if (op == EPOLL_CTL_DEL) {
+        members.erase(it);
+    } else {
+        error = EINVAL;
+    }
+    if (members.empty()) g_epoll_members.erase(epfd);
+    g_epoll_sets.store(int(g_epoll_members.size()));
+    errno = error;
+    *result = error ? -1 : 0;
+    return true;
+}
+
+bool interceptEpollWait(int epfd, struct epoll_event* events, int max, int timeout_ms, const sigset_t* sigmask,
+                        int* result) {
+    if (t_inside || g_epoll_sets.load() == 0) return false;
+    Registry& reg = registry();
+    RegistryLock lock(reg.mutex);
+    auto set = g_epoll_members.find(epfd);
+    if (set == g_epoll_members.end() || max <= 0) return false;
+    Inside inside;
+    int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
+    for (;;) {
+        set = g_epoll_members.find(epfd);  // the set may have changed while the lock was released
+        int n = set == g_epoll_members.end() ? 0 : readyMembers(reg, set->second, events, max);
+        int64_t now = monotonicNs();
+        int64_t wake = now + kOtherSliceNs;
+        if (deadline >= 0 && deadline < wake) wake = deadline;
+        int64_t change = set == g_epoll_members.end() ? -1 : nextMemberChangeNs(reg, set->second);
+        if (change >= 0 && change < wake) wake = change;
+        lock.unlock();
+        int r = real::epoll_pwait(epfd, events + n, max - n, n ? 0 : msUntil(wake, now), sigmask);
+        int error = errno;
+        lock.lock();
+        if (r < 0 && n == 0) {
+            errno = error;
+            *result = -1;
+            return true;
+        }
+        n += r > 0 ? r : 0;
+        if (n || (deadline >= 0 && monotonicNs() >= deadline)) {
+            *result = n;
+            return true;
+        }
+    }
+}
+
+void forgetEpollSet(int fd) {
+    if (g_epoll_sets.load() == 0) return;
+    Registry& reg = registry();
+    RegistryLock lock(reg.mutex);
+    g_epoll_members.erase(fd);
+    g_epoll_sets.store(int(g_epoll_members.size()));
+}
+
+// The node has no read/write I/O: reading or writing it fails with EINVAL, as on a driver
+// without V4L2_CAP_READWRITE.
+bool interceptReadWrite(int fd, long* result) {
+    if (t_inside || g_open_files.load() == 0) return false;
+    Registry& reg = registry();
+    RegistryLock lock(reg.mutex);
+    Inside inside;  // a stale descriptor found here may end its session
+    if (!findFile(reg, fd)) return false;
+    errno = EINVAL;
+    *result = -1;
+    return true;
+}
 
 bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result) {
     if (t_inside || g_open_files.load() == 0 || !fds) return false;
     Registry& reg = registry();
     RegistryLock lock(reg.mutex);
     if (!anyNode(reg, fds, nfds)) return false;
+    Inside inside;  // rendering a frame that fell due reads the source's files
     int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
     *result = pollMixed(reg, lock, fds, nfds, deadline);
     if (reg.log) logResult(reg, -1, "poll", *result, errno);
@@ -117,6 +248,7 @@ bool interceptSelect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* except
     Registry& reg = registry();
     RegistryLock lock(reg.mutex);
     if (!anyNode(reg, fds.data(), fds.size())) return false;
+    Inside inside;
     int64_t start = monotonicNs();
     int64_t deadline = timeout ? start + int64_t(timeout->tv_sec) * 1000000000 + int64_t(timeout->tv_usec) * 1000 : -1;
     int r = pollMixed(reg, lock, fds.data(), fds.size(), deadline);

@@ -38,9 +38,6 @@ void say(const char* format, ...) {
     std::fprintf(stderr, "orvo-vcam: %s\n", text);
 }
 
-namespace {
-
-// ORVO_VCAM_DEVICE's nodes, in order.
 std::vector<std::string> listedNodes() {
     std::vector<std::string> nodes;
     const char* list = std::getenv("ORVO_VCAM_DEVICE");
@@ -54,6 +51,8 @@ std::vector<std::string> listedNodes() {
     }
     return nodes;
 }
+
+namespace {
 
 // A node's setting: NAME_I for the node at position I when set, otherwise NAME.
 struct Setting {
@@ -210,14 +209,24 @@ void noteUnplug(Registry& reg, Session& session) {
     if (reg.log) say("%s unplugged (%s)", node.path.c_str(), fault.text.c_str());
 }
 
+void dropFile(Registry& reg, int fd) {
+    auto it = reg.files.find(fd);
+    if (it == reg.files.end()) return;
+    const uint64_t id = it->second.file.id;
+    std::shared_ptr<Session> session = std::move(it->second.session);
+    reg.files.erase(it);
+    g_open_files.fetch_sub(1);
+    bool shared = false;
+    for (const auto& f : reg.files) shared = shared || f.second.file.id == id;
+    if (!shared) session->device->release(id);
+    if (--session->files == 0) endSession(reg, *session);
+}
+
 OpenEntry* findFile(Registry& reg, int fd) {
     auto it = reg.files.find(fd);
     if (it == reg.files.end()) return nullptr;
     if (it->second.session->device->backs(fd)) return &it->second;
-    std::shared_ptr<Session> session = std::move(it->second.session);
-    reg.files.erase(it);
-    g_open_files.fetch_sub(1);
-    if (--session->files == 0) endSession(reg, *session);
+    dropFile(reg, fd);
     return nullptr;
 }
 

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include <orvo/vcam/statistics.hpp>
 
@@ -78,6 +79,8 @@ struct Inside {
 
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// ORVO_VCAM_DEVICE's nodes, in order.
+std::vector<std::string> listedNodes();
 // The position of path in ORVO_VCAM_DEVICE's comma-separated list, or -1 when it is not a node.
 int nodeIndex(const char* path);
 // The node of a path ORVO_VCAM_DEVICE lists, made on first use.
@@ -93,6 +96,9 @@ void endSession(Registry& reg, Session& session);
 // The session's device unplugged itself: the node goes away for the fault's time.
 void noteUnplug(Registry& reg, Session& session);
 
+// The descriptor is gone: its entry goes, its open file is released when no duplicate of it is
+// left, and its session ends with the session's last descriptor, duplicates included.
+void dropFile(Registry& reg, int fd);
 // The registered entry of a descriptor, dropping it when the descriptor no longer refers to its
 // session's memory (it was closed behind our back and its number reused).
 OpenEntry* findFile(Registry& reg, int fd);

@@ -100,6 +100,22 @@ int poll(struct pollfd* fds, nfds_t nfds, int timeout) {
     return fn(fds, nfds, timeout);
 }
 
+int fstat(int fd, struct stat* st) {
+    ORVO_REAL(int (*)(int, struct stat*), "fstat");
+    return fn(fd, st);
+}
+
+int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* sigmask) {
+    ORVO_REAL(int (*)(int, struct epoll_event*, int, int, const sigset_t*), "epoll_pwait");
+    return fn(epfd, events, max, timeout, sigmask);
+}
+
+void* symbol(const char* name) {
+    void* fn = dlsym(RTLD_NEXT, name);
+    if (!fn) abort();
+    return fn;
+}
+
 }  // namespace real
 }  // namespace vcam
 }  // namespace orvo

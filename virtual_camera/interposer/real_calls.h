@@ -2,7 +2,10 @@
 #pragma once
 
 #include <poll.h>
+#include <signal.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdio>
@@ -25,6 +28,11 @@ FILE* fopen(const char* path, const char* mode);
 FILE* fopen64(const char* path, const char* mode);
 int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, struct timeval* timeout);
 int poll(struct pollfd* fds, nfds_t nfds, int timeout);
+int fstat(int fd, struct stat* st);
+int epoll_pwait(int epfd, struct epoll_event* events, int max, int timeout, const sigset_t* sigmask);
+
+// The C library's definition of any other entry point, for those forwarded as they are.
+void* symbol(const char* name);
 
 }  // namespace real
 }  // namespace vcam

@@ -56,9 +56,10 @@ try {
   const cdp = await browser.target().createCDPSession();
   await cdp.send('Browser.setDownloadBehavior', { behavior: 'allow', downloadPath: downloads });
 
-  await page.goto(server.url, { waitUntil: 'load', timeout: 30000 });
+  // Not 'load': that waits for the MJPEG images' first parts, which a busy machine may take long to render.
+  await page.goto(server.url, { waitUntil: 'domcontentloaded', timeout: 60000 });
   await page.waitForFunction(() => /frame \d+/.test(document.getElementById('frame').textContent) &&
-                                   document.getElementById('depth').naturalWidth > 0, { timeout: 30000 });
+                                   document.getElementById('depth').naturalWidth > 0, { timeout: 90000 });
   await sleep(2000);  // a few frames of plots and a cloud
   // The machine may be busy: every expectation is waited for, up to a limit, not timed.
   const until = async (test, ms = 30000) => {

@@ -1,4 +1,5 @@
-// A control loop on the modern API: reports the camera's state changes and never acts on an old frame.
+// A control loop on the modern API: survives an unplug and replug, reports the camera's state
+// changes and never acts on an old frame.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -35,6 +36,15 @@ int main(int argc, char** argv) {
                             static_cast<unsigned long long>(frame->sequence - last_sequence - 1));
             have_frame = true;
             last_sequence = frame->sequence;
+            // host_time_ns is CLOCK_MONOTONIC, the clock steady_clock reads on Linux. A frame that
+            // waited in the queue while this loop was busy elsewhere is as useless as none.
+            const auto age = steady_clock::now().time_since_epoch() - nanoseconds(frame->host_time_ns);
+            if (age > 100ms) {
+                std::printf("cycle %d: frame %llu is %lld ms old: holding still\n", cycle,
+                            static_cast<unsigned long long>(frame->sequence),
+                            static_cast<long long>(duration_cast<milliseconds>(age).count()));
+                continue;
+            }
             const double mean = cv::mean(frame->left)[0];
             std::printf("cycle %d: frame %llu at %.3f s device time, %zu IMU samples, mean grey %.1f\n", cycle,
                         static_cast<unsigned long long>(frame->sequence), double(frame->device_time_us) * 1e-6,

@@ -14,33 +14,35 @@
 namespace runtime_test {
 
 constexpr const char* kNode = "/dev/video-virtual-runtime";
+constexpr const char* kSecondNode = "/dev/video-virtual-runtime-b";  // listed after kNode when two are wanted
 
 // Sets the virtual camera's variables for the sessions started in its lifetime, and clears them.
 class VcamEnv {
 public:
     explicit VcamEnv(const std::string& faults = "", const std::string& source = "pattern",
                      const std::string& fps = "100", const std::string& truth = "") {
-        setenv("ORVO_VCAM_DEVICE", kNode, 1);
-        setenv("ORVO_VCAM_SOURCE", source.c_str(), 1);
-        setenv("ORVO_VCAM_FPS", fps.c_str(), 1);
-        set("ORVO_VCAM_FAULTS", faults);
-        set("ORVO_VCAM_TRUTH", truth);
+        with("ORVO_VCAM_DEVICE", kNode).with("ORVO_VCAM_SOURCE", source).with("ORVO_VCAM_FPS", fps);
+        for (const auto& [name, value] : {std::pair<const char*, std::string>{"ORVO_VCAM_FAULTS", faults},
+                                          {"ORVO_VCAM_TRUTH", truth}}) {
+            if (value.empty()) unsetenv(name);
+            else with(name, value);
+        }
+    }
+    // One more variable for the same lifetime, set even when empty (ORVO_VCAM_SOURCE_1="" is the
+    // second node's default scene).
+    VcamEnv& with(const std::string& name, const std::string& value) {
+        setenv(name.c_str(), value.c_str(), 1);
+        names_.push_back(name);
+        return *this;
     }
     ~VcamEnv() {
-        for (const char* v : {"ORVO_VCAM_DEVICE", "ORVO_VCAM_SOURCE", "ORVO_VCAM_FPS", "ORVO_VCAM_FAULTS",
-                              "ORVO_VCAM_TRUTH"})
-            unsetenv(v);
+        for (const std::string& name : names_) unsetenv(name.c_str());
     }
     VcamEnv(const VcamEnv&) = delete;
     VcamEnv& operator=(const VcamEnv&) = delete;
 
 private:
-    static void set(const char* name, const std::string& value) {
-        if (value.empty())
-            unsetenv(name);
-        else
-            setenv(name, value.c_str(), 1);
-    }
+    std::vector<std::string> names_;
 };
 
 inline size_t openDescriptors() {

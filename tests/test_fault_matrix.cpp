@@ -97,6 +97,8 @@ std::vector<Row> faultTable(const Recording& rec) {
         {"ioctl@22=EIO:1", dead_from_start, 0},  // the 22nd request is the first dequeue
         {"DQBUF@3=EIO", t().grabs(2).failedThen("VIDIOC_DQBUF", EIO, 1).dead(1).destroyed(end), 0},
         {"DQBUF@2=ENODEV", t().grabs(1).failedThen("VIDIOC_DQBUF", ENODEV, 0).dead(0).dead(0).destroyed(end), 0},
+        // The cable pulled at the second dequeue looks the same: the node is closed before it returns.
+        {"unplug@2=1s", t().grabs(1).failedThen("VIDIOC_DQBUF", ENODEV, 0).dead(0).dead(0).destroyed(end), 0},
         // EAGAIN closes before the message; a failing close shows in the errno it prints.
         {"DQBUF@4=EAGAIN", t().grabs(3).failedThen("VIDIOC_DQBUF EAGAIN", EAGAIN, 2).destroyed(end), 0},
         {"DQBUF@2=EAGAIN,close=EIO",

@@ -1,5 +1,5 @@
 // orvo::Camera streaming: frames against the virtual camera's truth, the 32-bit wrap, unplug and
-// reconnect, several grabbing threads, close.
+// reconnect, host time without driver timestamps, two cameras at once, several grabbing threads, close.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <orvo/orvo.hpp>
+#include <orvo/vcam/statistics.hpp>
 
 #include "runtime_test_support.h"
 #include "scratch_dir.h"
@@ -17,6 +18,7 @@
 
 using namespace std::chrono_literals;
 using runtime_test::kNode;
+using runtime_test::kSecondNode;
 using runtime_test::VcamEnv;
 
 namespace {
@@ -35,23 +37,53 @@ std::vector<orvo::Frame> grabN(orvo::Camera& camera, size_t n) {
     return frames;
 }
 
+uint64_t nowNs() {
+    return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch())
+                        .count());
+}
+
+std::map<uint64_t, runtime_test::TruthLine> truthBySequence(const std::string& path) {
+    std::map<uint64_t, runtime_test::TruthLine> served;
+    for (auto& line : runtime_test::readTruth(path)) served[std::stoull(line["sequence"])] = line;
+    return served;
+}
+
+// n frames of the pattern at 100 fps through a queue deep enough to keep them all, and what the
+// virtual camera says it served, by sequence. `setting` is one more variable for the node, if any.
+struct Served {
+    std::vector<orvo::Frame> frames;
+    std::map<uint64_t, runtime_test::TruthLine> truth;
+};
+
+Served grabPatternWithTruth(size_t n, const std::pair<std::string, std::string>& setting = {}) {
+    orvo_test::ScratchDir dir;
+    const std::string truth = dir.file("truth.txt");
+    Served served;
+    {
+        VcamEnv env("", "pattern", "100", truth);
+        if (!setting.first.empty()) env.with(setting.first, setting.second);
+        orvo::CameraOptions opt;
+        opt.queue_depth = 64;
+        orvo::Camera camera(kNode, opt);
+        served.frames = grabN(camera, n);
+    }
+    served.truth = truthBySequence(truth);
+    return served;
+}
+
+bool listed(const std::string& node) {
+    for (const orvo::DeviceInfo& d : orvo::list_devices())
+        if (d.node == node) return true;
+    return false;
+}
+
 }  // namespace
 
 // Frames, times and samples against what the virtual camera says it served.
 TEST(RuntimeStream, FramesMatchTheTruthFile) {
-    orvo_test::ScratchDir dir;
-    const std::string truth = dir.file("truth.txt");
-    std::vector<orvo::Frame> frames;
-    {
-        VcamEnv env("", "pattern", "100", truth);
-        orvo::CameraOptions opt;
-        opt.queue_depth = 64;
-        orvo::Camera camera(kNode, opt);
-        frames = grabN(camera, 20);
-    }
+    auto [frames, served] = grabPatternWithTruth(20);
     ASSERT_EQ(20u, frames.size());
-    std::map<uint64_t, runtime_test::TruthLine> served;
-    for (auto& line : runtime_test::readTruth(truth)) served[std::stoull(line["sequence"])] = line;
 
     size_t samples = 0;
     for (size_t k = 0; k < frames.size(); ++k) {
@@ -138,6 +170,145 @@ TEST(RuntimeStream, DeviceTimeCrossesTheTickWrap) {
         }
     }
     EXPECT_GT(frames[5].device_time_us, uint64_t(1) << 32);
+}
+
+// The virtual camera's own clock started 67 ms before its 32-bit wrap: device time goes on
+// counting up through it, frame by frame, and still matches the trailer's ticks modulo 2^32.
+TEST(RuntimeStream, DeviceTimeKeepsIncreasingThroughTheClocksOwnWrap) {
+    auto [frames, served] = grabPatternWithTruth(20, {"ORVO_VCAM_TICK_OFFSET", "4294900000"});
+    ASSERT_EQ(20u, frames.size());
+    for (size_t k = 0; k < frames.size(); ++k) {
+        const orvo::Frame& f = frames[k];
+        SCOPED_TRACE("frame " + std::to_string(f.sequence));
+        ASSERT_EQ(1u, served.count(f.sequence));
+        EXPECT_EQ(std::stoull(served[f.sequence]["ticks"]), f.device_time_us & 0xFFFFFFFFu);
+        // The pattern's frames are 10,000 ticks apart at 100 fps, dropped ones included.
+        EXPECT_EQ(frames[0].device_time_us + 10000 * (f.sequence - frames[0].sequence), f.device_time_us);
+        for (size_t i = 1; i < f.imu.size(); ++i) EXPECT_GT(f.imu[i].device_time_us, f.imu[i - 1].device_time_us);
+        if (k > 0 && !f.imu.empty() && !frames[k - 1].imu.empty()) {
+            EXPECT_GT(f.imu.front().device_time_us, frames[k - 1].imu.back().device_time_us);
+        }
+    }
+    EXPECT_LT(frames.front().device_time_us, uint64_t(1) << 32);
+    EXPECT_GT(frames.back().device_time_us, uint64_t(1) << 32);
+}
+
+// A driver that stamps no monotonic time: the host time is the dequeue's, and says so.
+TEST(RuntimeStream, WithoutDriverTimestampsHostTimeIsTheDequeueTime) {
+    VcamEnv env;
+    env.with("ORVO_VCAM_TIMESTAMPS", "none");
+    const uint64_t before = nowNs();
+    orvo::Camera camera(kNode);
+    auto frames = grabN(camera, 5);
+    const uint64_t after = nowNs();
+    ASSERT_EQ(5u, frames.size());
+    for (size_t k = 0; k < frames.size(); ++k) {
+        const orvo::Frame& f = frames[k];
+        EXPECT_EQ(orvo::HostTimeSource::dequeue, f.host_time_source);
+        EXPECT_GT(f.host_time_ns, before);
+        EXPECT_LT(f.host_time_ns, after);
+        if (k > 0) {
+            EXPECT_GT(f.host_time_ns, frames[k - 1].host_time_ns);
+        }
+        for (const orvo::ImuSample& s : f.imu)
+            EXPECT_EQ(f.host_time_ns - (f.device_time_us - s.device_time_us) * 1000, s.host_time_ns);
+    }
+}
+
+// The cable pulled at the fifth dequeue and put back 300 ms later: grab gives nothing meanwhile,
+// the node leaves the listing, state goes disconnected, reconnecting, streaming, one reconnect,
+// and every frame after it was captured after the replug, later in sequence and both clocks.
+TEST(RuntimeStream, UnplugAndReplugReconnectsOnceWithNothingStale) {
+    VcamEnv env("unplug@5=300ms");
+    std::vector<std::pair<orvo::CameraState, uint64_t>> seen;
+    std::mutex seen_mutex;
+    orvo::CameraOptions opt;
+    opt.queue_depth = 8;
+    opt.reconnect_backoff_max = 50ms;
+    opt.on_state_change = [&](orvo::CameraState s) {
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        seen.emplace_back(s, nowNs());
+    };
+    orvo::Camera camera(kNode, opt);
+    std::vector<orvo::Frame> frames;
+    size_t empty_while_gone = 0, listed_while_gone = 0, looked_while_gone = 0;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline && (camera.stats().reconnects == 0 || frames.size() < 10)) {
+        const bool gone = camera.state() == orvo::CameraState::reconnecting;
+        auto f = camera.grab(20ms);
+        if (f) frames.push_back(std::move(*f));
+        if (gone && !f) ++empty_while_gone;
+        if (gone && !orvo::vcam::statistics(kNode).present && looked_while_gone++ < 3) listed_while_gone += listed(kNode);
+    }
+    EXPECT_GT(empty_while_gone, 0u);
+    EXPECT_GT(looked_while_gone, 0u);
+    EXPECT_EQ(0u, listed_while_gone) << "an unplugged node is not listed";
+    EXPECT_TRUE(listed(kNode));
+    const auto stats = camera.stats();
+    EXPECT_EQ(1u, stats.reconnects);
+    EXPECT_EQ(ENOENT, stats.last_errno) << "the reopens while it was gone found no node";
+    std::lock_guard<std::mutex> lock(seen_mutex);
+    ASSERT_EQ(3u, seen.size());
+    EXPECT_EQ(orvo::CameraState::disconnected, seen[0].first);
+    EXPECT_EQ(orvo::CameraState::reconnecting, seen[1].first);
+    EXPECT_EQ(orvo::CameraState::streaming, seen[2].first);
+    const uint64_t lost_ns = seen[0].second;
+    size_t before = 0;
+    while (before < frames.size() && frames[before].host_time_ns < lost_ns) ++before;
+    EXPECT_GE(before, 1u);
+    EXPECT_LE(before, 4u) << "four dequeues succeeded before the unplug";
+    ASSERT_GE(frames.size(), before + 5);
+    for (size_t k = before; k < frames.size(); ++k)
+        EXPECT_GT(frames[k].host_time_ns, lost_ns + 290000000) << "frame " << k << " is from before the replug";
+    for (size_t k = 1; k < frames.size(); ++k) {
+        EXPECT_GT(frames[k].sequence, frames[k - 1].sequence);
+        EXPECT_GT(frames[k].device_time_us, frames[k - 1].device_time_us);
+        EXPECT_GT(frames[k].host_time_ns, frames[k - 1].host_time_ns);
+    }
+}
+
+// Two nodes at once, each with its own source, rate and truth, grabbed from two threads: each
+// camera gets its own node's frames at its own pace.
+TEST(RuntimeStream, TwoCamerasOnTwoNodesAtOnceEachGetTheirOwnFrames) {
+    orvo_test::ScratchDir dir;
+    const std::string nodes[2] = {kNode, kSecondNode}, truth[2] = {dir.file("a.txt"), dir.file("b.txt")};
+    VcamEnv env("", "pattern", "100", truth[0]);
+    env.with("ORVO_VCAM_DEVICE", nodes[0] + "," + nodes[1])
+        .with("ORVO_VCAM_SOURCE_1", "")  // the default scene
+        .with("ORVO_VCAM_FPS_1", "50")
+        .with("ORVO_VCAM_TRUTH_1", truth[1]);
+    EXPECT_TRUE(listed(nodes[0]));
+    EXPECT_TRUE(listed(nodes[1]));
+    std::vector<orvo::Frame> frames[2];
+    {
+        orvo::CameraOptions opt;
+        opt.queue_depth = 32;
+        orvo::Camera a(nodes[0], opt), b(nodes[1], opt);
+        std::thread ta([&] { frames[0] = grabN(a, 12); }), tb([&] { frames[1] = grabN(b, 12); });
+        ta.join();
+        tb.join();
+    }
+    const double period_ns[2] = {1e7, 2e7};
+    for (int n = 0; n < 2; ++n) {
+        SCOPED_TRACE(nodes[n]);
+        ASSERT_EQ(12u, frames[n].size());
+        auto served = truthBySequence(truth[n]);
+        size_t pattern_pairs = 0;
+        for (const orvo::Frame& f : frames[n]) {
+            ASSERT_EQ(1u, served.count(f.sequence));
+            EXPECT_EQ(std::stoull(served[f.sequence]["ticks"]), f.device_time_us);
+            EXPECT_NEAR(std::stod(served[f.sequence]["timestamp"]), double(f.host_time_ns) * 1e-9, 2e-6);
+            EXPECT_EQ(n == 0, served[f.sequence]["source"] == "pattern");
+            const cv::Rect right_part(0, 0, 740, 479), left_part(12, 0, 740, 479);
+            pattern_pairs += cv::norm(f.right(right_part), f.left(left_part), cv::NORM_INF) == 0;
+        }
+        EXPECT_EQ(n == 0 ? frames[n].size() : 0u, pattern_pairs);
+        // Paced frames are due a whole period apart, dropped ones included.
+        const orvo::Frame &first = frames[n].front(), &last = frames[n].back();
+        EXPECT_NEAR(period_ns[n], double(last.host_time_ns - first.host_time_ns) / double(last.sequence - first.sequence),
+                    1e3);
+        EXPECT_GE(orvo::vcam::statistics(nodes[n]).frames_served, 12u);
+    }
 }
 
 // The cable pulled after four frames, no reconnect: nothing stale, nothing more, and it shows.

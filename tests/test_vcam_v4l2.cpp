@@ -146,6 +146,32 @@ TEST_F(VcamV4l2, ItsPathIsACharacterDeviceWithSysfsEntriesAndDuplicatesAreTheSam
     EXPECT_EQ(0, c.requestBuffers(2)) << "closing the duplicate left the open file alive";
     ASSERT_EQ(0, c.close());
     EXPECT_EQ(0, other.requestBuffers(2)) << "the last descriptor's close freed the queue";
+    ASSERT_EQ(0, other.close());
+
+    // A second listed node whose name ends in no number is a device of its own; a duplicate keeps
+    // its session alive until the duplicate, the last descriptor, is closed.
+    constexpr const char* kSecond = "/dev/video-vcam-test-b";
+    ScopedEnv two{{"ORVO_VCAM_DEVICE", (std::string(kNode) + "," + kSecond).c_str()}};
+    ASSERT_EQ(0, stat(kSecond, &st));
+    EXPECT_EQ(makedev(81, 101), st.st_rdev) << "100 is the first node's";
+    EXPECT_EQ("81:101\n", contents("/sys/class/video4linux/video101/dev"));
+    ASSERT_EQ(0, stat(kNode, &st));
+    EXPECT_EQ(makedev(81, 100), st.st_rdev);
+    const uint64_t sessions = orvo::vcam::statistics(kSecond).sessions;
+    V4l2Client b(kSecond);
+    ASSERT_EQ(0, fstat(b.fd(), &st));
+    EXPECT_EQ(makedev(81, 101), st.st_rdev);
+    const int kept = dup(b.fd());
+    ASSERT_GE(kept, 0);
+    ASSERT_EQ(0, b.close());
+    EXPECT_TRUE(orvo::vcam::statistics(kSecond).active);
+    V4l2Client again(kSecond);
+    ASSERT_EQ(0, again.close());
+    EXPECT_EQ(sessions + 1, orvo::vcam::statistics(kSecond).sessions) << "one session throughout";
+    ASSERT_EQ(0, ::close(kept));
+    EXPECT_FALSE(orvo::vcam::statistics(kSecond).active);
+    V4l2Client later(kSecond);
+    EXPECT_EQ(sessions + 2, orvo::vcam::statistics(kSecond).sessions);
 }
 
 // A loaded machine may stall the test for longer than the queue lasts, so the checks hold whatever

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 #include "frame_geometry.h"
 #include "v4l2_io.h"
@@ -70,8 +71,9 @@ bool probe(const std::string& node, DeviceInfo& info) {
 
 }  // namespace
 
-// /dev/video* in numeric order, then the virtual camera's node when ORVO_VCAM_DEVICE names one that
-// is not among them. Nodes that cannot be opened (absent, or not ours to open) are left out.
+// /dev/video* in numeric order, then the virtual camera's nodes (ORVO_VCAM_DEVICE, a comma-separated
+// list) that are not among them. Nodes that cannot be opened (absent or unplugged, or not ours to
+// open) are left out.
 std::vector<DeviceInfo> list_devices() {
     std::vector<std::string> nodes;
     if (DIR* dir = opendir("/dev")) {
@@ -86,8 +88,12 @@ std::vector<DeviceInfo> list_devices() {
     std::sort(nodes.begin(), nodes.end(), [](const std::string& a, const std::string& b) {
         return a.size() != b.size() ? a.size() < b.size() : a < b;
     });
-    if (const char* vcam = std::getenv("ORVO_VCAM_DEVICE"))
-        if (*vcam && std::find(nodes.begin(), nodes.end(), vcam) == nodes.end()) nodes.push_back(vcam);
+    if (const char* vcam = std::getenv("ORVO_VCAM_DEVICE")) {
+        std::stringstream list(vcam);
+        std::string node;
+        while (std::getline(list, node, ','))
+            if (!node.empty() && std::find(nodes.begin(), nodes.end(), node) == nodes.end()) nodes.push_back(node);
+    }
     std::vector<DeviceInfo> found;
     for (const std::string& node : nodes) {
         DeviceInfo info;

@@ -26,6 +26,10 @@ expect("frame 2: obstacle at x [-0-9.]+ y -[0-9.]+ z 1\\.[34]"
 expect("frame 4: [67] samples, filter settling" ${preload} ${EXAMPLES}/attitude ${node} 5)
 expect("no display: wrote grab.png" ${preload} ${EXAMPLES}/grab_and_show ${node} ${calib})
 expect("pair 1504x480, stack 752x1440, left half 752x480" ${EXAMPLES}/helpers_tour ${calib})
+# The cable pulled at the tenth dequeue and put back 300 ms later: the loop holds still meanwhile,
+# tells each state change, and carries on (it exits 1 had it been handed an old frame).
+expect("camera: disconnected\n.*camera: reconnecting\n.*camera: streaming\n.*cycle [0-9]+: frame [0-9]+ at .*reconnects 1,"
+       ${preload} ORVO_VCAM_FAULTS=UNPLUG@10+300ms ${EXAMPLES}/robot_loop ${node} 60)
 foreach(f nearest.png grab.png helpers_pair.png)
   if(NOT EXISTS ${WORK}/${f})
     message(FATAL_ERROR "${f} was not written")

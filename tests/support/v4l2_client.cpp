@@ -31,6 +31,7 @@ ScopedEnv::~ScopedEnv() {
 
 V4l2Client::V4l2Client(const char* path, int flags) {
     fd_ = ::open(path, flags);
+    if (fd_ < 0) open_error_ = errno;
 }
 
 V4l2Client::~V4l2Client() {

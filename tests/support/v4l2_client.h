@@ -40,6 +40,7 @@ public:
     V4l2Client& operator=(const V4l2Client&) = delete;
 
     int fd() const { return fd_; }
+    int openError() const { return open_error_; }  // errno of the open, 0 when it succeeded
 
     // Each returns 0 or the errno of the failed request.
     int call(unsigned long request, void* arg);
@@ -62,6 +63,7 @@ public:
 
 private:
     int fd_ = -1;
+    int open_error_ = 0;
     std::vector<void*> maps_;
     std::vector<uint32_t> lengths_;
 };

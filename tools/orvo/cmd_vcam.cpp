@@ -26,7 +26,7 @@ constexpr const char* kDefaultNode = "/dev/video-virtual0";
 // the installed tree (or the build tree) has been moved, it is the one beside this tool.
 std::string virtualCameraLibrary() {
     Dl_info info;
-    if (!dladdr(reinterpret_cast<void*>(&orvo::vcam::statistics), &info) || !info.dli_fname)
+    if (!dladdr(reinterpret_cast<void*>(static_cast<orvo::vcam::Statistics (*)()>(&orvo::vcam::statistics)), &info) || !info.dli_fname)
         throw RunError("cannot find the virtual camera library this tool was built with");
     std::string path = info.dli_fname;
     if (path.size() < 3 || path.find(".so") == std::string::npos)

@@ -47,13 +47,15 @@ int64_t monotonicNs() {
 }
 
 Device::Device(double fps, std::unique_ptr<FrameSource> source, FaultPlan faults, TruthWriter truth,
-               std::condition_variable& wake)
+               std::condition_variable& wake, bool driver_timestamps)
     : fps_(fps),
       source_(std::move(source)),
       faults_(std::move(faults)),
       truth_(std::move(truth)),
       wake_(wake),
-      request_calls_(requestSlots(), 0) {}
+      driver_timestamps_(driver_timestamps) {
+    calls_.requests.assign(requestSlots(), 0);
+}
 
 Device::~Device() {
     if (region_) munmap(region_, region_length_);
@@ -75,12 +77,12 @@ bool Device::backs(int fd) const {
     return real::fstat(fd, &st) == 0 && st.st_dev == memfd_dev_ && st.st_ino == memfd_ino_;
 }
 
-int Device::countOpen() { return faults_.errorFor(FaultTarget::Open, 0, ++open_calls_); }
+int Device::countOpen() { return faults_.errorFor(FaultTarget::Open, 0, ++calls_.open); }
 
-int Device::countClose() { return faults_.errorFor(FaultTarget::Close, 0, ++close_calls_); }
+int Device::countClose() { return faults_.errorFor(FaultTarget::Close, 0, ++calls_.close); }
 
 int Device::countMeminfo(bool* hide_memfree) {
-    uint64_t call = ++meminfo_calls_;
+    uint64_t call = ++calls_.meminfo;
     if (faults_.find(FaultAction::Unreadable, call)) return EACCES;
     if (int e = faults_.errorFor(FaultTarget::Meminfo, 0, call)) return e;
     *hide_memfree = faults_.find(FaultAction::NoMemfree, call) != nullptr;
@@ -105,14 +107,17 @@ Statistics Device::stats() const {
 }
 
 // Counts the call, applies the injected failures, then dispatches. Injected failures change no
-// state.
-int Device::request(const OpenFile& file, unsigned long code, void* arg, std::unique_lock<std::mutex>& lock) {
+// state, but an unplug: an unplugged device answers nothing any more and counts no call.
+int Device::request(const OpenFile& file, unsigned long code, void* arg, RegistryLock& lock) {
+    if (unplugged_) return -ENODEV;
     const RequestName* known = findRequest(code);
-    ++ioctl_calls_;
+    ++calls_.ioctl;
     uint64_t call = 0;
-    if (known) call = ++request_calls_[requestSlot(known)];
+    if (known) call = ++calls_.requests[requestSlot(known)];
     advance(monotonicNs());  // frames that fell due while nothing was queued are gone already
-    if (int e = faults_.errorFor(FaultTarget::AnyIoctl, 0, ioctl_calls_)) return -e;
+    if (code == VIDIOC_DQBUF)
+        if (const Fault* f = faults_.find(FaultAction::Unplug, call)) return unplug(*f);
+    if (int e = faults_.errorFor(FaultTarget::AnyIoctl, 0, calls_.ioctl)) return -e;
     if (known && known->emulated) {
         if (int e = faults_.errorFor(FaultTarget::Request, requestSlot(known), call)) return -e;
         if (needsArgument(code) && !arg) return -EFAULT;

@@ -17,6 +17,7 @@
 #include <orvo/vcam/frame_source.hpp>
 #include <orvo/vcam/statistics.hpp>
 
+#include "registry_lock.h"
 #include "truth_writer.h"
 
 namespace orvo {
@@ -31,11 +32,28 @@ struct OpenFile {
 // Readiness of the node for poll/select.
 enum class Readiness { Ready, NotYet, Error };
 
+// The calls of a session, counted for the faults.
+struct CallCounts {
+    uint64_t ioctl = 0, open = 0, close = 0, meminfo = 0, dequeues = 0;
+    std::vector<uint64_t> requests;  // by request slot
+};
+
+// What a session started by a replug takes over from the one unplugged: its call counts, so that
+// each fault still hits its calls once in the node's life, and its timeline, so that sequence
+// numbers and the source's frames go on from where they were.
+struct Carry {
+    CallCounts calls;
+    uint64_t next_index = 0;     // the source's frame index the unplugged stream had reached
+    uint64_t next_sequence = 0;  // and its sequence number
+    double rate = 30;            // frames per second of that timeline
+};
+
 class Device {
 public:
-    // fps < 0: pace at the S_PARM rate; 0: free-running; > 0: pace at fps.
+    // fps < 0: pace at the S_PARM rate; 0: free-running; > 0: pace at fps. Without driver
+    // timestamps, buffers carry none and no V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC.
     Device(double fps, std::unique_ptr<FrameSource> source, FaultPlan faults, TruthWriter truth,
-           std::condition_variable& wake);
+           std::condition_variable& wake, bool driver_timestamps = true);
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
@@ -47,7 +65,15 @@ public:
 
     // Handles one request of a file; returns 0 or a negative errno. A blocking dequeue waits on
     // the wake condition with the lock released.
-    int request(const OpenFile& file, unsigned long code, void* arg, std::unique_lock<std::mutex>& lock);
+    int request(const OpenFile& file, unsigned long code, void* arg, RegistryLock& lock);
+
+    // Unplugged by its fault: every request answers ENODEV from then on and poll reports POLLERR.
+    // The fault that did it, or null.
+    const Fault* unplugged() const { return unplugged_; }
+    // Where the timeline stood when it was unplugged, for the session that the replug starts.
+    const Carry& carry() const { return carried_; }
+    // Continues the carried timeline, `skipped` frames on (those that fell due while unplugged).
+    void resume(const Carry& from, uint64_t skipped);
 
     int countOpen();    // the errno this open of the node fails with, or 0
     int countClose();   // the errno this close reports, or 0
@@ -124,7 +150,8 @@ private:
 
     // Streaming and pacing (device_streaming.cpp).
     int qbuf(const OpenFile& file, v4l2_buffer& b);
-    int dqbuf(const OpenFile& file, v4l2_buffer& b, std::unique_lock<std::mutex>& lock);
+    int dqbuf(const OpenFile& file, v4l2_buffer& b, RegistryLock& lock);
+    int unplug(const Fault& fault);
     int streamon(const OpenFile& file, int type);
     int streamoff(const OpenFile& file, int type);
     void start();
@@ -146,6 +173,9 @@ private:
     FaultPlan faults_;
     TruthWriter truth_;
     std::condition_variable& wake_;
+    bool driver_timestamps_;
+    const Fault* unplugged_ = nullptr;
+    Carry carried_;
 
     dev_t memfd_dev_ = 0;
     ino_t memfd_ino_ = 0;
@@ -166,11 +196,10 @@ private:
     double period_ns_ = 0;   // paced: time between frames
     double stream_rate_ = 30;  // frames per second of the source's timeline
     uint64_t next_k_ = 0;      // frames of this stream whose time has been dealt with
-    uint64_t index_base_ = 0;  // source index of this stream's first frame (paced)
+    uint64_t index_base_ = 0;  // source index of this stream's first frame (paced), or of the session's (free-running)
+    uint64_t sequence_base_ = 0;  // sequence number of each stream's first frame: 0 unless replugged
 
-    uint64_t ioctl_calls_ = 0;
-    std::vector<uint64_t> request_calls_;
-    uint64_t open_calls_ = 0, close_calls_ = 0, meminfo_calls_ = 0, dequeues_ = 0;
+    CallCounts calls_;
     uint64_t served_ = 0, dropped_ = 0;
 };
 

@@ -146,12 +146,13 @@ void Device::describe(uint32_t i, v4l2_buffer& b) const {
     b.type = kCapture;
     b.memory = V4L2_MEMORY_MMAP;
     b.bytesused = buf.bytesused;
-    b.flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF;
+    b.flags = driver_timestamps_ ? V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC | V4L2_BUF_FLAG_TSTAMP_SRC_EOF
+                                 : V4L2_BUF_FLAG_TIMESTAMP_UNKNOWN;
     if (buf.state == Buffer::State::Queued) b.flags |= V4L2_BUF_FLAG_QUEUED;
     if (buf.state == Buffer::State::Done) b.flags |= V4L2_BUF_FLAG_DONE;
     if (buf.mapped) b.flags |= V4L2_BUF_FLAG_MAPPED;
     b.field = V4L2_FIELD_NONE;
-    b.timestamp = toTimeval(buf.timestamp_ns);
+    if (driver_timestamps_) b.timestamp = toTimeval(buf.timestamp_ns);
     b.sequence = buf.sequence;
     b.m.offset = buf.offset;
     b.length = uint32_t(kBytes);

@@ -31,18 +31,19 @@ int Device::qbuf(const OpenFile& file, v4l2_buffer& b) {
 // Returns the oldest filled buffer. Paced, a blocking call waits for the next frame while a
 // buffer is queued; with nothing queued it waits a while for another thread to queue one (or to
 // stop the stream: EINVAL), then fails with EINVAL rather than hang a single-threaded client.
-int Device::dqbuf(const OpenFile& file, v4l2_buffer& b, std::unique_lock<std::mutex>& lock) {
+int Device::dqbuf(const OpenFile& file, v4l2_buffer& b, RegistryLock& lock) {
     if (busy(file)) return -EBUSY;
     if (b.type != kCapture || b.memory != V4L2_MEMORY_MMAP) return -EINVAL;
     bool nonblocking = (fcntl(file.fd, F_GETFL) & O_NONBLOCK) != 0;
     int64_t idle_until = 0;
     for (;;) {
+        if (unplugged_) return -ENODEV;
         if (!streaming_) return -EINVAL;
         int64_t now = monotonicNs();
         advance(now);
         if (!done_.empty()) break;
         if (freeRunning() && !queued_.empty()) {
-            fill(queued_.pop(), served_, uint32_t(next_k_++), now);
+            fill(queued_.pop(), index_base_ + served_, uint32_t(sequence_base_ + next_k_++), now);
             break;
         }
         if (nonblocking) return -EAGAIN;
@@ -51,10 +52,10 @@ int Device::dqbuf(const OpenFile& file, v4l2_buffer& b, std::unique_lock<std::mu
             // within kIdleDequeueNs, none is going to, and nothing can ever arrive.
             if (idle_until == 0) idle_until = now + kIdleDequeueNs;
             if (now >= idle_until) return -EINVAL;
-            wake_.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(idle_until)));
+            lock.waitUntil(wake_, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(idle_until)));
             continue;
         }
-        wake_.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(dueNs(next_k_))));
+        lock.waitUntil(wake_, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(dueNs(next_k_))));
     }
     serve(done_.pop(), b);
     return 0;
@@ -64,12 +65,30 @@ void Device::serve(uint32_t i, v4l2_buffer& b) {
     Buffer& buf = buffers_[i];
     buf.state = Buffer::State::Dequeued;
     describe(i, b);
-    if (faults_.find(FaultAction::ZeroBytes, ++dequeues_)) b.bytesused = 0;
+    if (faults_.find(FaultAction::ZeroBytes, ++calls_.dequeues)) b.bytesused = 0;
     ++served_;
     if (truth_.enabled()) {
         const uint8_t* bytes = region_ + (buf.offset - region_offset_);
-        truth_.write(buf.truth, b.bytesused, frameHash(bytes, kBytes), buf.timestamp_ns / 1000);
+        truth_.write(buf.truth, b.bytesused, frameHash(bytes, kBytes), driver_timestamps_ ? buf.timestamp_ns / 1000 : 0);
     }
+}
+
+// The camera is gone: the stream ends where it stood, its timeline is kept for the replug, and
+// whoever waits for a frame is woken to find it gone.
+int Device::unplug(const Fault& fault) {
+    carried_.calls = calls_;
+    carried_.next_index = index_base_ + (freeRunning() ? served_ : next_k_);
+    carried_.next_sequence = sequence_base_ + next_k_;
+    carried_.rate = streaming_ ? stream_rate_ : fps_ > 0 ? fps_ : double(interval_.denominator) / interval_.numerator;
+    stop();
+    unplugged_ = &fault;
+    return -ENODEV;
+}
+
+void Device::resume(const Carry& from, uint64_t skipped) {
+    calls_ = from.calls;
+    index_base_ = from.next_index + skipped;
+    sequence_base_ = from.next_sequence + skipped;
 }
 
 int Device::streamon(const OpenFile& file, int type) {
@@ -120,7 +139,7 @@ void Device::advance(int64_t now_ns) {
             skipDueFrames(now_ns);
             return;
         }
-        fill(queued_.pop(), index_base_ + next_k_, uint32_t(next_k_), dueNs(next_k_));
+        fill(queued_.pop(), index_base_ + next_k_, uint32_t(sequence_base_ + next_k_), dueNs(next_k_));
         ++next_k_;
     }
 }
@@ -155,7 +174,7 @@ void Device::fill(uint32_t i, uint64_t index, uint32_t sequence, int64_t timesta
 }
 
 Readiness Device::readiness() {
-    if (!streaming_) return Readiness::Error;
+    if (!streaming_ || unplugged_) return Readiness::Error;
     advance(monotonicNs());
     if (!done_.empty() || (freeRunning() && !queued_.empty())) return Readiness::Ready;
     return Readiness::NotYet;

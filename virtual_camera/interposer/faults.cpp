@@ -57,6 +57,7 @@ bool resolveTarget(const std::string& name, Fault* f) {
     else if (name == "caps") f->target = FaultTarget::Caps;
     else if (name == "meminfo") f->target = FaultTarget::Meminfo;
     else if (name == "bytesused") f->target = FaultTarget::Bytesused;
+    else if (name == "unplug") f->target = FaultTarget::Unplug;
     else {
         const RequestName* r = findRequest(name);
         if (!r || !r->emulated) return false;
@@ -66,9 +67,25 @@ bool resolveTarget(const std::string& name, Fault* f) {
     return true;
 }
 
+// How long an unplugged node stays away: "2s", "500ms" or "30f" (frame periods).
+bool parseAway(const std::string& text, Fault* f) {
+    uint64_t n = 0;
+    size_t digits = text.find_first_not_of("0123456789");
+    if (digits == 0 || digits == std::string::npos || !parseCount(text.substr(0, digits), &n)) return false;
+    const std::string unit = text.substr(digits);
+    if (unit == "f") f->away_frames = n;
+    else if (unit == "ms" && n <= 1000000000) f->away_ns = int64_t(n) * 1000000;
+    else if (unit == "s" && n <= 1000000) f->away_ns = int64_t(n) * 1000000000;
+    else return false;
+    return true;
+}
+
 // Which actions each target accepts besides (where allowed) an errno name.
 bool resolveAction(const std::string& target, const std::string& action, Fault* f) {
     switch (f->target) {
+    case FaultTarget::Unplug:
+        f->action = FaultAction::Unplug;
+        return parseAway(action, f);
     case FaultTarget::Caps:
         if (action == "no-capture") f->action = FaultAction::NoCapture;
         else if (action == "no-streaming") f->action = FaultAction::NoStreaming;
@@ -97,9 +114,13 @@ bool resolveAction(const std::string& target, const std::string& action, Fault* 
     return f->error != 0;
 }
 
-// Parses one entry; on failure returns the reason.
-std::string parseEntry(const std::string& entry, Fault* f) {
+// Parses one entry; on failure returns the reason. "UNPLUG@N+T" is another spelling of
+// "unplug@N=T".
+std::string parseEntry(std::string entry, Fault* f) {
     f->text = entry;
+    const size_t plus = entry.find('+');
+    if (entry.compare(0, 6, "UNPLUG") == 0 && plus != std::string::npos && entry.find('=') == std::string::npos)
+        entry = "unplug" + entry.substr(6, plus - 6) + "=" + entry.substr(plus + 1);
     size_t eq = entry.find('=');
     if (eq == std::string::npos) return "expected TARGET[@N]=ACTION[:K]";
     std::string target = entry.substr(0, eq), action = entry.substr(eq + 1);
@@ -120,8 +141,15 @@ std::string parseEntry(const std::string& entry, Fault* f) {
         has_count = true;
     }
     if (!resolveAction(target, action, f))
-        return "unknown action '" + action + "' for target '" + target + "'";
+        return f->target == FaultTarget::Unplug
+                   ? "unplug needs the time away, '" + action + "' is none (Ns, Nms or N frames as Nf)"
+                   : "unknown action '" + action + "' for target '" + target + "'";
     uint64_t k = 0;
+    if (f->action == FaultAction::Unplug) {
+        if (has_count) return "unplug happens once, at dequeue N: no ':K' (unplug@N=T)";
+        f->calls = 1;
+        return "";
+    }
     if (f->action == FaultAction::Grant) {
         if (!has_count || !parseCount(count, &k) || k > kMaxGrant)
             return "grant needs a buffer count from 0 to 32 (REQBUFS=grant:K)";

@@ -41,52 +41,47 @@ FILE* meminfoWithoutMemFree() {
     return out;
 }
 
-// Another descriptor (a duplicate) still refers to the open file.
-bool sharesFile(const Registry& reg, uint64_t id) {
-    for (const auto& f : reg.files)
-        if (f.second.id == id) return true;
-    return false;
-}
-
 }  // namespace
 
 // A duplicate of a node descriptor refers to the same open file: the same owner, priority and
-// queue, released when the last of its descriptors is closed. A node descriptor that the
-// duplicate replaced (dup2 onto it) is closed with it.
+// queue, released when the last of its descriptors is closed, and it keeps the session alive like
+// any other descriptor. A node descriptor that the duplicate replaced (dup2 onto it) is closed
+// with it.
 void registerDuplicate(int fd, int duplicate) {
     if (t_inside || g_open_files.load() == 0 || duplicate < 0 || duplicate == fd) return;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    auto replaced = reg.files.find(duplicate);
-    if (replaced != reg.files.end()) {
-        uint64_t old_id = replaced->second.id;
-        reg.files.erase(replaced);
-        g_open_files.fetch_sub(1);
-        if (reg.device && !sharesFile(reg, old_id)) reg.device->release(old_id);
-    }
-    OpenFile* file = findFile(reg, fd);
-    if (file) {
-        reg.files[duplicate] = OpenFile{file->id, duplicate};
+    dropFile(reg, duplicate);
+    if (OpenEntry* entry = findFile(reg, fd)) {
+        reg.files[duplicate] = OpenEntry{OpenFile{entry->file.id, duplicate}, entry->session};
+        ++entry->session->files;
         g_open_files.fetch_add(1);
-    } else if (reg.files.empty() && reg.device) {
-        endSession(reg);
     }
 }
 
 // Each open gets a new open file description of the session's memory, with its own flags, and
 // only that one descriptor: the first takes over the number of the memfd it was opened from, so
 // that the node, like a real one, gets the lowest free descriptor and costs exactly one.
+// While the node is unplugged it is not there: ENOENT.
 bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
     if (t_inside) return false;
-    if (!isNodePath(dirfd, path)) return interceptSysfsOpen(dirfd, path, flags, result);
+    const int index = whichNode(dirfd, path);
+    if (index < 0) return interceptSysfsOpen(dirfd, path, flags, result);
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    int anchor = anyDescriptor(reg), fresh = -1;
-    if (!reg.device) {
+    Node& node = nodeFor(reg, path);
+    if (!present(node, monotonicNs())) {
+        logResult(reg, -1, "open", -1, ENOENT);
+        errno = ENOENT;
+        *result = -1;
+        return true;
+    }
+    int anchor = node.session ? anyDescriptor(reg, *node.session) : -1, fresh = -1;
+    if (!node.session) {
         std::string error;
-        if (!startSession(reg, &fresh, &error)) {
+        if (!startSession(reg, node, index, &fresh, &error)) {
             say("cannot open %s: %s", path, error.c_str());
             errno = EINVAL;
             *result = -1;
@@ -94,7 +89,8 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
         }
         anchor = fresh;
     }
-    int error = reg.device->countOpen();
+    std::shared_ptr<Session> session = node.session;
+    int error = session->device->countOpen();
     int fd = -1;
     if (!error) {
         fd = reopenDescriptor(anchor, flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC));
@@ -108,14 +104,15 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
     }
     if (fresh >= 0) real::close(fresh);
     if (error) {
-        if (reg.files.empty()) endSession(reg);
+        if (session->files == 0) endSession(reg, *session);
         logResult(reg, -1, "open", -1, error);
         errno = error;
         *result = -1;
         return true;
     }
-    reg.files[fd] = OpenFile{reg.next_file_id++, fd};
-    reg.device->opened(reg.files[fd].id);
+    reg.files[fd] = OpenEntry{OpenFile{reg.next_file_id++, fd}, session};
+    ++session->files;
+    session->device->opened(reg.files[fd].file.id);
     g_open_files.fetch_add(1);
     logResult(reg, fd, (flags & O_NONBLOCK) ? "open (non-blocking)" : "open", fd, 0);
     *result = fd;
@@ -126,18 +123,15 @@ bool interceptOpen(int dirfd, const char* path, int flags, int* result) {
 bool interceptClose(int fd, int* result) {
     if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    OpenFile* file = findFile(reg, fd);
-    if (!file) return false;
-    int injected = reg.device->countClose();
-    uint64_t id = file->id;
-    reg.files.erase(fd);
-    if (!sharesFile(reg, id)) reg.device->release(id);
-    g_open_files.fetch_sub(1);
+    OpenEntry* entry = findFile(reg, fd);
+    if (!entry) return false;
+    std::shared_ptr<Session> session = entry->session;
+    int injected = session->device->unplugged() ? 0 : session->device->countClose();
+    dropFile(reg, fd);
     int r = real::close(fd);
     int error = errno;
-    if (reg.files.empty()) endSession(reg);
     if (injected) {
         r = -1;
         error = injected;
@@ -151,13 +145,15 @@ bool interceptClose(int fd, int* result) {
 bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     Inside inside;
-    OpenFile* found = findFile(reg, fd);
+    OpenEntry* found = findFile(reg, fd);
     if (!found) return false;
-    OpenFile file = *found;
-    std::shared_ptr<Device> device = reg.device;  // a waiting dequeue may outlive the session
-    int r = device->request(file, request, arg, lock);
+    OpenFile file = found->file;
+    std::shared_ptr<Session> session = found->session;  // a waiting dequeue may outlive the session
+    const bool was_plugged = !session->device->unplugged();
+    int r = session->device->request(file, request, arg, lock);
+    if (was_plugged && session->device->unplugged()) noteUnplug(reg, *session);
     if (reg.log) logResult(reg, fd, describeRequest(request).c_str(), r < 0 ? -1 : r, -r);
     if (r < 0) {
         errno = -r;
@@ -168,8 +164,8 @@ bool interceptIoctl(int fd, unsigned long request, void* arg, int* result) {
     return true;
 }
 
-// The node's sysfs files are read through fopen too; the meminfo faults apply while a descriptor
-// of the node is open.
+// The nodes' sysfs files are read through fopen too; the meminfo faults of each node apply while
+// a descriptor of it is open.
 bool interceptFopen(const char* path, FILE** result) {
     int fd;
     if (interceptSysfsOpen(AT_FDCWD, path, O_RDONLY | O_CLOEXEC, &fd)) {
@@ -182,9 +178,14 @@ bool interceptFopen(const char* path, FILE** result) {
     bool hide = false;
     int error = 0;
     {
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        if (!reg.device) return false;
-        error = reg.device->countMeminfo(&hide);
+        RegistryLock lock(reg.mutex);
+        for (auto& n : reg.nodes) {
+            if (!n.second->session) continue;
+            bool hides = false;
+            const int e = n.second->session->device->countMeminfo(&hides);
+            if (!error) error = e;
+            hide = hide || hides;
+        }
     }
     if (error) {
         errno = error;

@@ -1,4 +1,4 @@
-// The node as the file system shows it: stat and access of its path answer as for a V4L2
+// The nodes as the file system shows them: stat and access of each path answer as for a V4L2
 // character device (major 81), and its sysfs entries (/sys/dev/char/81:M, /sys/class/video4linux/
 // videoM) are served from memory, as v4l-utils, GStreamer and ffmpeg look them up.
 #include "node_files.h"
@@ -16,6 +16,7 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "device_fields.h"
 #include "node_session.h"
@@ -30,25 +31,60 @@ constexpr unsigned kVideoMajor = 81;
 // Minors from 100 up, clear of those the kernel gives the cameras actually plugged in.
 constexpr unsigned kMinorBase = 100;
 
-const char* nodePath() {
-    const char* node = std::getenv("ORVO_VCAM_DEVICE");
-    return node && *node ? node : nullptr;
-}
+// A listed node as the file system shows it.
+struct Listed {
+    std::string path;
+    unsigned minor = 0;
+    bool present = true;  // false while it is unplugged
+};
 
-// 100 + the number the node's name ends with (/dev/video-virtual3: 103), so that two nodes differ.
-unsigned nodeMinor() {
-    const char* path = nodePath();
-    size_t end = std::strlen(path), start = end;
+// The number a node's name ends with (/dev/video-virtual3: 3), 0 when none.
+unsigned pathNumber(const std::string& path) {
+    size_t end = path.size(), start = end;
     while (start > 0 && std::isdigit(static_cast<unsigned char>(path[start - 1])) && end - start < 3) --start;
-    return kMinorBase + (start < end ? unsigned(std::atoi(path + start)) : 0);
+    return start < end ? unsigned(std::atoi(path.c_str() + start)) : 0;
 }
 
-std::string minorText() { return std::to_string(nodeMinor()); }
+// Every node ORVO_VCAM_DEVICE lists, by position: minor 100 + the number its name ends with, or
+// the next free one when an earlier node has that already, so that each node has its own.
+std::vector<Listed> listed() {
+    std::vector<Listed> nodes;
+    for (const std::string& path : listedNodes()) {
+        unsigned minor = kMinorBase + pathNumber(path);
+        for (size_t i = 0; i < nodes.size(); ++i)
+            if (nodes[i].minor == minor) {
+                ++minor;
+                i = size_t(-1);  // look again from the first
+            }
+        nodes.push_back(Listed{path, minor, true});
+    }
+    return nodes;
+}
 
-// Where the node's sysfs directory really lies; the other two names are links to it.
-std::string sysfsDir() { return "/sys/devices/virtual/video4linux/video" + minorText(); }
-std::string charLink() { return "/sys/dev/char/" + std::to_string(kVideoMajor) + ":" + minorText(); }
-std::string classLink() { return "/sys/class/video4linux/video" + minorText(); }
+// Whether the node of a path is there now: not while it is unplugged, as a real camera.
+bool presentNow(const std::string& path) {
+    Registry& reg = registry();
+    RegistryLock lock(reg.mutex);
+    auto it = reg.nodes.find(path);
+    return it == reg.nodes.end() || present(*it->second, monotonicNs());
+}
+
+// The listed node a path names, when it names one (relative to the working directory only).
+bool nodeOf(int dirfd, const char* path, Listed* node) {
+    if (!path || (path[0] != '/' && dirfd != AT_FDCWD)) return false;
+    const int index = nodeIndex(path);
+    if (index < 0) return false;
+    *node = listed()[size_t(index)];
+    node->present = presentNow(node->path);
+    return true;
+}
+
+std::string text(unsigned n) { return std::to_string(n); }
+
+// Where a node's sysfs directory really lies; the other two names are links to it.
+std::string sysfsDir(unsigned minor) { return "/sys/devices/virtual/video4linux/video" + text(minor); }
+std::string charLink(unsigned minor) { return "/sys/dev/char/" + text(kVideoMajor) + ":" + text(minor); }
+std::string classLink(unsigned minor) { return "/sys/class/video4linux/video" + text(minor); }
 
 // The rest of path after prefix when path is prefix itself ("") or lies below it ("/name").
 bool below(const std::string& path, const std::string& prefix, std::string* rest) {
@@ -58,33 +94,45 @@ bool below(const std::string& path, const std::string& prefix, std::string* rest
     return true;
 }
 
-// The part of a sysfs path inside the node's directory ("" for the directory, "/uevent", ...);
-// false when the path is not about the node.
-bool sysfsEntry(int dirfd, const char* path, std::string* rest) {
-    if (!path || path[0] != '/' || std::strncmp(path, "/sys/", 5) != 0 || !nodePath()) return false;
-    (void)dirfd;  // absolute paths only: dirfd plays no part
+std::string withoutTrailingSlashes(const char* path) {
     std::string p(path);
     while (p.size() > 1 && p.back() == '/') p.pop_back();
-    return below(p, sysfsDir(), rest) || below(p, charLink(), rest) || below(p, classLink(), rest);
+    return p;
 }
 
-// The text of one of the node's sysfs files, as the kernel writes it; false for names it lacks.
-bool sysfsFile(const std::string& entry, std::string* text) {
-    if (entry == "/name") *text = std::string(kCardName) + "\n";
-    else if (entry == "/index") *text = "0\n";
-    else if (entry == "/dev") *text = std::to_string(kVideoMajor) + ":" + minorText() + "\n";
-    else if (entry == "/dev_debug") *text = "0\n";
+// The node a sysfs path is about and the part of the path inside its directory ("" for the
+// directory, "/uevent", ...); false when the path is about no node. Absolute paths only.
+bool sysfsEntry(const char* path, Listed* node, std::string* rest) {
+    if (!path || std::strncmp(path, "/sys/", 5) != 0) return false;
+    const std::string p = withoutTrailingSlashes(path);
+    for (const Listed& n : listed()) {
+        if (below(p, sysfsDir(n.minor), rest) || below(p, charLink(n.minor), rest) || below(p, classLink(n.minor), rest)) {
+            *node = n;
+            node->present = presentNow(n.path);
+            return true;
+        }
+    }
+    return false;
+}
+
+// The text of one of a node's sysfs files, as the kernel writes it; false for names it lacks.
+bool sysfsFile(const Listed& node, const std::string& entry, std::string* out) {
+    const std::string minor = text(node.minor);
+    if (entry == "/name") *out = std::string(kCardName) + "\n";
+    else if (entry == "/index") *out = "0\n";
+    else if (entry == "/dev") *out = text(kVideoMajor) + ":" + minor + "\n";
+    else if (entry == "/dev_debug") *out = "0\n";
     else if (entry == "/uevent")
-        *text = "MAJOR=" + std::to_string(kVideoMajor) + "\nMINOR=" + minorText() + "\nDEVNAME=video" + minorText() + "\n";
+        *out = "MAJOR=" + text(kVideoMajor) + "\nMINOR=" + minor + "\nDEVNAME=video" + minor + "\n";
     else return false;
     return true;
 }
 
-void fillStat(struct stat* st, bool directory, size_t size) {
+void fillStat(struct stat* st, unsigned minor, bool directory, size_t size) {
     static const time_t born = std::time(nullptr);
     std::memset(st, 0, sizeof *st);
     st->st_dev = makedev(0, 5);
-    st->st_ino = 1000 + nodeMinor() + (directory ? 0 : size ? size : 500);
+    st->st_ino = 1000 + minor + (directory ? 0 : size ? size : 500);
     st->st_nlink = directory ? 2 : 1;
     st->st_uid = geteuid();
     st->st_gid = getegid();
@@ -97,22 +145,24 @@ void fillStat(struct stat* st, bool directory, size_t size) {
         st->st_size = off_t(size);
     } else {
         st->st_mode = S_IFCHR | 0660;
-        st->st_rdev = makedev(kVideoMajor, nodeMinor());
+        st->st_rdev = makedev(kVideoMajor, minor);
     }
 }
 
-// What stat says about a path of the node or its sysfs entries; false when it is neither.
-// *found is false for sysfs names the node does not have.
+// What stat says about a path of a node or its sysfs entries; false when it is neither. *found is
+// false for sysfs names a node does not have, and for everything of a node that is unplugged.
 bool statOf(int dirfd, const char* path, struct stat* st, bool* found) {
-    *found = true;
-    if (isNodePath(dirfd, path)) {
-        fillStat(st, false, 0);
+    Listed node;
+    std::string entry, content;
+    if (nodeOf(dirfd, path, &node)) {
+        if ((*found = node.present)) fillStat(st, node.minor, false, 0);
         return true;
     }
-    std::string entry, text;
-    if (!sysfsEntry(dirfd, path, &entry)) return false;
-    if (entry.empty()) fillStat(st, true, 0);
-    else if (sysfsFile(entry, &text)) fillStat(st, false, text.size());
+    if (!sysfsEntry(path, &node, &entry)) return false;
+    *found = node.present;
+    if (!*found) return true;
+    if (entry.empty()) fillStat(st, node.minor, true, 0);
+    else if (sysfsFile(node, entry, &content)) fillStat(st, node.minor, false, content.size());
     else *found = false;
     return true;
 }
@@ -125,11 +175,9 @@ bool answer(int r, int error, int* result) {
 
 }  // namespace
 
-bool isNodePath(int dirfd, const char* path) {
-    const char* node = nodePath();
-    if (!node || !path) return false;
-    if (path[0] != '/' && dirfd != AT_FDCWD) return false;
-    return std::strcmp(path, node) == 0;
+int whichNode(int dirfd, const char* path) {
+    if (!path || (path[0] != '/' && dirfd != AT_FDCWD)) return -1;
+    return nodeIndex(path);
 }
 
 bool interceptStat(int dirfd, const char* path, int flags, struct stat* st, int* result) {
@@ -140,13 +188,23 @@ bool interceptStat(int dirfd, const char* path, int flags, struct stat* st, int*
     return answer(found ? 0 : -1, ENOENT, result);
 }
 
-// A descriptor of the node is a character device too (it is really a file of the session's memory).
+// A descriptor of a node is a character device too (it is really a file of the session's memory),
+// still while the node is unplugged, as the descriptor of a camera pulled out.
 bool interceptFstat(int fd, struct stat* st, int* result) {
     if (t_inside || g_open_files.load() == 0) return false;
-    Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
-    if (!findFile(reg, fd)) return false;
-    fillStat(st, false, 0);
+    std::string path;
+    {
+        Registry& reg = registry();
+        RegistryLock lock(reg.mutex);
+        Inside inside;  // a stale descriptor found here may end its session
+        const OpenEntry* entry = findFile(reg, fd);
+        if (!entry) return false;
+        path = entry->session->node->path;
+    }
+    unsigned minor = kMinorBase;
+    for (const Listed& n : listed())
+        if (n.path == path) minor = n.minor;
+    fillStat(st, minor, false, 0);
     return answer(0, 0, result);
 }
 
@@ -186,13 +244,16 @@ bool interceptAccess(int dirfd, const char* path, int mode, int* result) {
 }
 
 bool interceptSysfsOpen(int dirfd, const char* path, int flags, int* result) {
-    std::string entry, text;
-    if (t_inside || !sysfsEntry(dirfd, path, &entry)) return false;
-    if (entry.empty() || !sysfsFile(entry, &text)) return false;  // the directory: ENOENT from the kernel
+    (void)dirfd;  // absolute paths only: dirfd plays no part
+    Listed node;
+    std::string entry, content;
+    if (t_inside || !sysfsEntry(path, &node, &entry)) return false;
+    if (!node.present) return answer(-1, ENOENT, result);
+    if (entry.empty() || !sysfsFile(node, entry, &content)) return false;  // the directory: ENOENT from the kernel
     if ((flags & O_ACCMODE) != O_RDONLY) return answer(-1, EACCES, result);
     int fd = memfd_create("orvo-vcam-sysfs", (flags & O_CLOEXEC) ? MFD_CLOEXEC : 0);
     if (fd < 0) return answer(-1, errno, result);
-    if (write(fd, text.data(), text.size()) != ssize_t(text.size()) || lseek(fd, 0, SEEK_SET) != 0) {
+    if (write(fd, content.data(), content.size()) != ssize_t(content.size()) || lseek(fd, 0, SEEK_SET) != 0) {
         int error = errno;
         real::close(fd);
         return answer(-1, error, result);
@@ -200,20 +261,17 @@ bool interceptSysfsOpen(int dirfd, const char* path, int flags, int* result) {
     return answer(fd, 0, result);
 }
 
-// The two links to the node's sysfs directory, relative as the kernel makes them.
+// The two links to a node's sysfs directory, relative as the kernel makes them.
 bool interceptReadlink(int dirfd, const char* path, char* buf, size_t size, long* result) {
+    (void)dirfd;
+    Listed node;
     std::string entry;
-    if (t_inside || !sysfsEntry(dirfd, path, &entry) || !entry.empty()) return false;
-    std::string p(path);
-    while (p.size() > 1 && p.back() == '/') p.pop_back();
-    std::string target;
-    if (p == charLink()) target = "../../devices/virtual/video4linux/video" + minorText();
-    else if (p == classLink()) target = "../../devices/virtual/video4linux/video" + minorText();
-    else {
-        errno = EINVAL;  // the directory itself is no link
-        *result = -1;
-        return true;
-    }
+    if (t_inside || !sysfsEntry(path, &node, &entry) || !entry.empty()) return false;
+    const std::string p = withoutTrailingSlashes(path);
+    errno = node.present ? EINVAL : ENOENT;  // the directory itself is no link
+    *result = -1;
+    if (!node.present || (p != charLink(node.minor) && p != classLink(node.minor))) return true;
+    const std::string target = "../../devices/virtual/video4linux/video" + text(node.minor);
     size_t n = target.size() < size ? target.size() : size;
     std::memcpy(buf, target.data(), n);
     *result = long(n);
@@ -221,15 +279,15 @@ bool interceptReadlink(int dirfd, const char* path, char* buf, size_t size, long
 }
 
 bool interceptRealpath(const char* path, char* resolved, char** result) {
-    std::string entry, text;
     if (t_inside) return false;
-    std::string full;
-    if (isNodePath(AT_FDCWD, path)) full = path;
-    else if (sysfsEntry(AT_FDCWD, path, &entry) && (entry.empty() || sysfsFile(entry, &text)))
-        full = sysfsDir() + entry;
+    Listed node;
+    std::string entry, content, full;
+    if (nodeOf(AT_FDCWD, path, &node)) full = path;
+    else if (sysfsEntry(path, &node, &entry) && (entry.empty() || sysfsFile(node, entry, &content)))
+        full = sysfsDir(node.minor) + entry;
     else return false;
-    if (full.size() >= PATH_MAX) {
-        errno = ENAMETOOLONG;
+    if (!node.present || full.size() >= PATH_MAX) {
+        errno = node.present ? ENAMETOOLONG : ENOENT;
         *result = nullptr;
         return true;
     }

@@ -1,4 +1,4 @@
-// The node as the file system shows it: a character device at its path and its entries in sysfs.
+// The nodes as the file system shows them: a character device at each path and its entries in sysfs.
 #pragma once
 
 #include <sys/stat.h>
@@ -9,10 +9,11 @@ namespace orvo {
 namespace vcam {
 namespace node {
 
-// True when path (relative to dirfd) names the node; the node is off while ORVO_VCAM_DEVICE is unset.
-bool isNodePath(int dirfd, const char* path);
+// The position in ORVO_VCAM_DEVICE of the node path names (relative to the working directory
+// only), or -1; there is no node while ORVO_VCAM_DEVICE is unset.
+int whichNode(int dirfd, const char* path);
 
-// Each returns false when the call is not about the node or its sysfs entries, leaving it to the
+// Each returns false when the call is not about a node or its sysfs entries, leaving it to the
 // C library; otherwise it has done the call and stored its result (errno set on failure).
 bool interceptStat(int dirfd, const char* path, int flags, struct stat* st, int* result);
 bool interceptFstat(int fd, struct stat* st, int* result);

@@ -45,28 +45,28 @@ int msUntil(int64_t when_ns, int64_t now_ns) {
 // poll over node descriptors and others: the node's readiness comes from its device, the others'
 // from the kernel, looked at in short slices while the node has nothing. deadline_ns < 0 waits
 // for ever. Called with the lock held; returns poll's result (errno set on failure).
-int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nfds_t n, int64_t deadline_ns) {
+int pollMixed(Registry& reg, RegistryLock& lock, pollfd* fds, nfds_t n, int64_t deadline_ns) {
     std::vector<pollfd> others(fds, fds + n);
     for (;;) {
-        std::shared_ptr<Device> device = reg.device;
         int ready = 0;
         bool any_other = false;
+        int64_t wake = deadline_ns;
         for (nfds_t i = 0; i < n; ++i) {
             fds[i].revents = 0;
             others[i].fd = fds[i].fd;
             if (fds[i].fd < 0) continue;
-            if (device && findFile(reg, fds[i].fd)) {
-                fds[i].revents = nodeEvents(*device, fds[i].events);
+            if (OpenEntry* entry = findFile(reg, fds[i].fd)) {
+                Device& device = *entry->session->device;
+                fds[i].revents = nodeEvents(device, fds[i].events);
                 ready += fds[i].revents != 0;
                 others[i].fd = -1;
+                int64_t change = device.nextChangeNs();
+                if (change >= 0 && (wake < 0 || change < wake)) wake = change;
             } else {
                 any_other = true;
             }
         }
         int64_t now = monotonicNs();
-        int64_t wake = deadline_ns;
-        int64_t change = device ? device->nextChangeNs() : -1;
-        if (change >= 0 && (wake < 0 || change < wake)) wake = change;
         if (any_other) {
             int64_t slice_end = now + kOtherSliceNs;
             int slice = ready ? 0 : msUntil(wake >= 0 && wake < slice_end ? wake : slice_end, now);
@@ -82,8 +82,8 @@ int pollMixed(Registry& reg, std::unique_lock<std::mutex>& lock, pollfd* fds, nf
                 if (others[i].fd >= 0) fds[i].revents = others[i].revents;
             ready += r;
         } else if (!ready) {
-            if (wake < 0) reg.wake.wait(lock);
-            else reg.wake.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wake)));
+            if (wake < 0) lock.wait(reg.wake);
+            else lock.waitUntil(reg.wake, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wake)));
         }
         if (ready) return ready;
         if (deadline_ns >= 0 && monotonicNs() >= deadline_ns) return 0;
@@ -109,17 +109,28 @@ std::vector<EpollMember>::iterator findMember(std::vector<EpollMember>& members,
 // longer the node's are dropped, as the kernel drops closed ones.
 int readyMembers(Registry& reg, std::vector<EpollMember>& members, epoll_event* events, int max) {
     int n = 0;
-    std::shared_ptr<Device> device = reg.device;
     for (auto it = members.begin(); it != members.end();) {
-        if (!device || !findFile(reg, it->fd)) {
+        OpenEntry* entry = findFile(reg, it->fd);
+        if (!entry) {
             it = members.erase(it);
             continue;
         }
-        uint32_t revents = uint16_t(nodeEvents(*device, short(it->event.events & 0xffff)));
+        uint32_t revents = uint16_t(nodeEvents(*entry->session->device, short(it->event.events & 0xffff)));
         if (revents && n < max) events[n++] = epoll_event{revents, it->event.data};
         ++it;
     }
     return n;
+}
+
+// The soonest time a member's readiness changes, or -1.
+int64_t nextMemberChangeNs(Registry& reg, const std::vector<EpollMember>& members) {
+    int64_t soonest = -1;
+    for (const EpollMember& m : members) {
+        const OpenEntry* entry = findFile(reg, m.fd);
+        const int64_t change = entry ? entry->session->device->nextChangeNs() : -1;
+        if (change >= 0 && (soonest < 0 || change < soonest)) soonest = change;
+    }
+    return soonest;
 }
 
 }  // namespace
@@ -127,7 +138,8 @@ int readyMembers(Registry& reg, std::vector<EpollMember>& members, epoll_event* 
 bool interceptEpollCtl(int epfd, int op, int fd, struct epoll_event* event, int* result) {
     if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
+    Inside inside;  // a stale descriptor found here may end its session
     if (!findFile(reg, fd)) return false;
     std::vector<EpollMember>& members = g_epoll_members[epfd];
     auto it = findMember(members, fd);
@@ -157,7 +169,7 @@ bool interceptEpollWait(int epfd, struct epoll_event* events, int max, int timeo
                         int* result) {
     if (t_inside || g_epoll_sets.load() == 0) return false;
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     auto set = g_epoll_members.find(epfd);
     if (set == g_epoll_members.end() || max <= 0) return false;
     Inside inside;
@@ -168,7 +180,7 @@ bool interceptEpollWait(int epfd, struct epoll_event* events, int max, int timeo
         int64_t now = monotonicNs();
         int64_t wake = now + kOtherSliceNs;
         if (deadline >= 0 && deadline < wake) wake = deadline;
-        int64_t change = reg.device ? reg.device->nextChangeNs() : -1;
+        int64_t change = set == g_epoll_members.end() ? -1 : nextMemberChangeNs(reg, set->second);
         if (change >= 0 && change < wake) wake = change;
         lock.unlock();
         int r = real::epoll_pwait(epfd, events + n, max - n, n ? 0 : msUntil(wake, now), sigmask);
@@ -190,7 +202,7 @@ bool interceptEpollWait(int epfd, struct epoll_event* events, int max, int timeo
 void forgetEpollSet(int fd) {
     if (g_epoll_sets.load() == 0) return;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     g_epoll_members.erase(fd);
     g_epoll_sets.store(int(g_epoll_members.size()));
 }
@@ -200,7 +212,8 @@ void forgetEpollSet(int fd) {
 bool interceptReadWrite(int fd, long* result) {
     if (t_inside || g_open_files.load() == 0) return false;
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
+    Inside inside;  // a stale descriptor found here may end its session
     if (!findFile(reg, fd)) return false;
     errno = EINVAL;
     *result = -1;
@@ -210,7 +223,7 @@ bool interceptReadWrite(int fd, long* result) {
 bool interceptPoll(struct pollfd* fds, nfds_t nfds, int timeout_ms, int* result) {
     if (t_inside || g_open_files.load() == 0 || !fds) return false;
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     if (!anyNode(reg, fds, nfds)) return false;
     Inside inside;  // rendering a frame that fell due reads the source's files
     int64_t deadline = timeout_ms < 0 ? -1 : monotonicNs() + int64_t(timeout_ms) * 1000000;
@@ -233,7 +246,7 @@ bool interceptSelect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* except
         if (events) fds.push_back(pollfd{fd, events, 0});
     }
     Registry& reg = registry();
-    std::unique_lock<std::mutex> lock(reg.mutex);
+    RegistryLock lock(reg.mutex);
     if (!anyNode(reg, fds.data(), fds.size())) return false;
     Inside inside;
     int64_t start = monotonicNs();

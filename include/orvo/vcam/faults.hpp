@@ -8,7 +8,7 @@
 namespace orvo {
 namespace vcam {
 
-enum class FaultTarget { Request, AnyIoctl, Open, Close, Caps, Meminfo, Bytesused };
+enum class FaultTarget { Request, AnyIoctl, Open, Close, Caps, Meminfo, Bytesused, Unplug };
 
 enum class FaultAction {
     Errno,        // the call fails with `error`
@@ -19,6 +19,7 @@ enum class FaultAction {
     Unreadable,   // fopen of /proc/meminfo fails with EACCES
     ZeroBytes,    // a dequeued buffer reports 0 bytes used
     BadOffset,    // QUERYBUF reports an m.offset that is not page aligned
+    Unplug,       // the N-th DQBUF finds the camera unplugged; it is back after `away_ns` or `away_frames`
 };
 
 struct Fault {
@@ -30,6 +31,8 @@ struct Fault {
     FaultAction action = FaultAction::Errno;
     int error = 0;
     uint32_t grant = 0;
+    int64_t away_ns = 0;      // Unplug: how long the node is gone, in time...
+    uint64_t away_frames = 0;  // ...or in frame periods of the stream's rate
 
     bool hits(uint64_t call) const { return call >= from && (calls == 0 || call - from < calls); }
 };

@@ -33,5 +33,10 @@ std::unique_ptr<FrameSource> makeSceneSource(const std::string& path, std::strin
 std::unique_ptr<FrameSource> makeSceneSource(const Scene& scene, std::string* error);
 std::unique_ptr<FrameSource> makeDefaultSceneSource(std::string* error);
 
+// `inner` with every trailer time stamp (the frame's and each inertial record's) and their truth
+// moved on by `ticks`, modulo 2^32: a camera whose clock started elsewhere, so that the 32-bit
+// wrap comes within seconds (ORVO_VCAM_TICK_OFFSET).
+std::unique_ptr<FrameSource> withTickOffset(std::unique_ptr<FrameSource> inner, uint32_t ticks);
+
 }  // namespace vcam
 }  // namespace orvo

@@ -80,11 +80,18 @@ try {
   // Pause: once the server has it, the counter stops; resume: it moves again.
   await page.click('#pause');
   await page.waitForFunction(() => document.getElementById('pause').textContent === 'resume', { timeout: 30000 });
-  await sleep(1500);  // a frame already in flight may still arrive
-  const p1 = (await sample(page)).frame;
+  // Frames published before the pause may still be on their way to a slow browser: wait for the
+  // counter to settle, then it must stay put.
+  let settled;
+  for (const t0 = Date.now(); Date.now() - t0 < 30000;) {
+    const before = (await sample(page)).frame;
+    await sleep(1500);
+    settled = (await sample(page)).frame;
+    if (settled === before) break;
+  }
   await sleep(3000);
   const p2 = (await sample(page)).frame;
-  check(p1 === p2, `pause stops the frame counter (${p1} -> ${p2})`);
+  check(settled === p2, `pause stops the frame counter (${settled} -> ${p2})`);
   await page.click('#pause');
   const p3 = (await until(x => x.frame > p2)).frame;
   check(p3 > p2, `resume starts it again (${p2} -> ${p3})`);

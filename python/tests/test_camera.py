@@ -86,12 +86,12 @@ def test_errors_carry_errno_and_unplug_ends_in_none(vcam, monkeypatch):
 
     monkeypatch.setenv("ORVO_VCAM_FAULTS", "DQBUF@5=ENODEV")
     with orvo.Camera(vcam, reconnect=False) as cam:
-        # The fifth dequeue fails: frames 0-3 come in order unless the loss overtakes them (a
-        # frame still queued when the camera is lost is dropped, never handed out late).
+        # The fifth dequeue fails: only frames 0-3 exist, handed out in order; a full queue drops
+        # its oldest, and a frame still queued when the camera is lost is dropped, never handed out late.
         seqs = []
         while len(seqs) < 6 and (f := cam.grab(timeout=5)) is not None:
             seqs.append(f.sequence)
-        assert seqs == list(range(len(seqs))) and len(seqs) <= 4, seqs
+        assert seqs == sorted(set(seqs)) and all(0 <= q <= 3 for q in seqs), seqs
         assert cam.grab(timeout=0.2) is None
         assert cam.state == orvo.CameraState.disconnected
         assert cam.stats.last_errno == errno.ENODEV

@@ -64,8 +64,13 @@ cv::Mat colourDisparity(const cv::Mat& disparity, int max_disparity) {
     cv::Mat scaled, colour;
     disparity.convertTo(scaled, CV_8U, 255.0 / max_disparity);  // NaN converts to 0
     cv::applyColorMap(scaled, colour, cv::COLORMAP_TURBO);
-    cv::Mat invalid = disparity != disparity;  // NaN compares unequal to itself
-    colour.setTo(cv::Scalar::all(0), invalid);
+    // No match is black. (OpenCV's compare does not flag NaN, so `disparity != disparity` would not do.)
+    for (int y = 0; y < disparity.rows; ++y) {
+        const float* d = disparity.ptr<float>(y);
+        cv::Vec3b* c = colour.ptr<cv::Vec3b>(y);
+        for (int x = 0; x < disparity.cols; ++x)
+            if (std::isnan(d[x])) c[x] = cv::Vec3b(0, 0, 0);
+    }
     return colour;
 }
 

@@ -54,7 +54,8 @@ void silenceOpenCvLog() {
 OrvoCamera& calibrationCamera() {
     static OrvoCamera* camera = [] {
         const char* node = "/dev/video-orvo-calib";
-        new VirtualNode(node);  // kept for the children the calibration tests fork
+        static VirtualNode* const env = new VirtualNode(node);  // kept for the children the calibration tests fork
+        (void)env;
         OrvoCameraParameterList list;
         list.device_path = node;
         return new OrvoCamera(list);

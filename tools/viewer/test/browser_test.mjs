@@ -119,9 +119,13 @@ try {
   check(after !== before, `range 128 relabels the colour bar (${before} -> ${after})`);
   await page.select('#disparities', '64');
 
+  // The snapshot is of the newest published frame: let frames made with the settings now in force
+  // (rectified, matcher on) arrive first, which a slow (sanitized) build takes a while to do.
+  const current = (await sample(page)).frame;
+  await until(x => x.frame >= current + 3, 60000);
   await page.click('#snapshot');
   const want = f => /\.png$/.test(f) || /\.ply$/.test(f);
-  for (let i = 0; i < 120 && fs.readdirSync(downloads).filter(want).length < 2; i++) await sleep(250);
+  for (let i = 0; i < 240 && fs.readdirSync(downloads).filter(want).length < 2; i++) await sleep(250);
   const files = fs.readdirSync(downloads);
   const png = files.find(f => f.endsWith('.png')), ply = files.find(f => f.endsWith('.ply'));
   check(png && fs.readFileSync(path.join(downloads, png)).subarray(1, 4).toString() === 'PNG', `snapshot PNG downloaded (${png})`);

@@ -54,8 +54,7 @@ void silenceOpenCvLog() {
 OrvoCamera& calibrationCamera() {
     static OrvoCamera* camera = [] {
         const char* node = "/dev/video-orvo-calib";
-        static VirtualNode* const env = new VirtualNode(node);  // kept for the children the calibration tests fork
-        (void)env;
+        static VirtualNode env(node);  // kept for the rest of the process and the children the tests fork
         OrvoCameraParameterList list;
         list.device_path = node;
         return new OrvoCamera(list);

@@ -20,6 +20,18 @@ orvo::Depth MetricDepth::compute(OrvoCamera& camera, cv::Mat& left) {
     return matcher_.compute(left, right_, calibration_->geometry());
 }
 
+void MetricDepth::forEachFrame(Session& session, int frames, int skip,
+                               const std::function<void(int, const orvo::Depth&, const cv::Mat&)>& each) {
+    auto camera = session.open();
+    for (int i = 0; i < skip; ++i) camera->Grab();
+    cv::Mat left;
+    for (int i = 0; i < frames; ++i) {
+        camera->Grab();
+        const orvo::Depth d = compute(*camera, left);
+        each(i, d, left);
+    }
+}
+
 orvo::vcam::DepthTruth sceneTruth(const Session& session, const orvo::Calibration& calibration,
                                   int index) {
     const DeviceChoice& device = session.device();

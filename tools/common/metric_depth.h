@@ -2,6 +2,7 @@
 // matched by orvo::StereoMatcher, and the virtual scene's per-pixel truth to compare them with.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include <OrvoCamera.h>
@@ -20,6 +21,10 @@ public:
     // The facade's last frame rectified, matched and turned into metres; `left` receives the
     // rectified left image (for colouring point clouds).
     orvo::Depth compute(OrvoCamera& camera, cv::Mat& left);
+    // Opens the session's camera, lets `skip` frames pass, then hands each of `frames` frames'
+    // depth and rectified left image to `each` with the frame's number from 0.
+    void forEachFrame(Session& session, int frames, int skip,
+                      const std::function<void(int, const orvo::Depth&, const cv::Mat&)>& each);
     const orvo::Calibration& calibration() const { return *calibration_; }
 
 private:

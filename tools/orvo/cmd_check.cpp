@@ -166,18 +166,13 @@ Plane fitPlane(const cv::Mat& points) {
 
 // --plane: the fitted plane and depth RMS of each frame's metric depth.
 int checkPlane(Session& session, int frames, int skip) {
-    MetricDepth metric(session);
-    auto camera = session.open();
-    for (int i = 0; i < skip; ++i) camera->Grab();
-    cv::Mat left;
-    for (int i = 0; i < frames; ++i) {
-        camera->Grab();
-        const Plane p = fitPlane(metric.compute(*camera, left).points);
+    MetricDepth(session).forEachFrame(session, frames, skip, [](int, const orvo::Depth& d, const cv::Mat&) {
+        const Plane p = fitPlane(d.points);
         std::printf("plane: normal %+.4f %+.4f %+.4f distance %.4f m, depth RMS %.1f mm, "
                     "%zu of %zu points within 1 %% of their depth\n",
                     p.normal[0], p.normal[1], p.normal[2], p.distance, 1e3 * p.depth_rms, p.inliers,
                     p.points);
-    }
+    });
     return kExitOk;
 }
 

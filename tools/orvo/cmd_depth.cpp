@@ -83,12 +83,7 @@ void matcherFrames(Session& session, const Args& args, int frames, int skip, con
     const double far_m = args.positiveNumber("far", 6.0);
     if (far_m <= near_m) throw UsageError("--far must be beyond --near");
     MetricDepth metric(session);
-    auto camera = session.open();
-    for (int i = 0; i < skip; ++i) camera->Grab();
-    cv::Mat left;
-    for (int i = 0; i < frames; ++i) {
-        camera->Grab();
-        const orvo::Depth d = metric.compute(*camera, left);
+    metric.forEachFrame(session, frames, skip, [&](int i, const orvo::Depth& d, const cv::Mat& left) {
         writePng(joinPath(out, numbered("depth", i, ".png")), colourDepth(d.depth, near_m, far_m));
         writeFloat(joinPath(out, numbered("depth", i, ".tiff")), d.depth);
         size_t points = 0;
@@ -108,7 +103,7 @@ void matcherFrames(Session& session, const Args& args, int frames, int skip, con
         }
         std::printf("\n");
         std::fflush(stdout);
-    }
+    });
     std::fprintf(stderr, "depth: %d frames in %s\n", frames, out.c_str());
 }
 
